@@ -1,0 +1,91 @@
+// The one driver object that every exported function works on.
+#ifndef KV3000_PROTOCOL_H
+#define KV3000_PROTOCOL_H
+
+#include "kv3000_intf.h"
+
+#include <QList>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <cstdint>
+#include <mutex>
+#include <unordered_map>
+
+class QMutex;
+
+// Data-area lookup key: station, register key (as a catalogue index) and unit address.
+struct DataKey {
+    int32_t station;
+    int32_t regIndex;
+    int32_t address;
+    bool operator==(const DataKey& o) const {
+        return station == o.station && regIndex == o.regIndex && address == o.address;
+    }
+};
+struct DataKeyHash {
+    size_t operator()(const DataKey& k) const noexcept {
+        uint64_t h = static_cast<uint32_t>(k.address);
+        h = h * 0x9E3779B97F4A7C15ull ^ (static_cast<uint64_t>(static_cast<uint32_t>(k.station)) << 5) ^
+            static_cast<uint32_t>(k.regIndex);
+        h ^= h >> 29;
+        return static_cast<size_t>(h * 0xBF58476D1CE4E5B9ull);
+    }
+};
+
+class Protocol {
+public:
+    Protocol();
+    Protocol(const Protocol&) = delete;
+    Protocol& operator=(const Protocol&) = delete;
+
+    ValueChangeCallBack valueChangeCallBack = nullptr;
+    int32_t protocolId = 0;
+    int32_t localWriteOnly = 0;
+    int32_t param3 = 0;
+    int32_t retryTimes = 0;
+    int32_t maxGap = 0;
+    unsigned char* shareMemory = nullptr;
+    void* initArg2 = nullptr;
+    unsigned short* recipeBuffer = nullptr;
+    QMutex* shareMutex = nullptr;
+    QList<VARIABLE> readList;
+    QList<VARIABLE> writeList;
+    QList<VARIABLE> conditionReadList;
+    QList<_DATA_> dataArea;
+    QVector<_RCP_VAR_PRO> rcpVarList;
+    QVector<_RCP_VAR_PRO> rcpBlockList;
+    QList<int32_t> rcpFirstIndex;
+    VARIABLE lastConditionVar;
+    QStringList regList;
+    VARIABLE currentVar;
+    QList<VARIABLE> currentReadList;
+    int32_t state = 0;
+    int32_t sendCount = 0;
+    int32_t handShakeFlag = 0;
+    int32_t retryCount = 0;
+    int32_t maxBitBlockLength = 0;
+    int32_t maxBlockLength = 0;
+    int32_t commError = 0;
+    int32_t frameIndex = 0;
+    QList<FRAME_PRO> frameList;
+    // Guards writeList. Not recursive: never call out while holding it.
+    std::mutex mutex;
+    int32_t rcpFrameIndex = 0;
+    QString propertyPage;
+    int32_t readFrameCount = 0;
+
+    // Serialises every export that touches the driver's state, so a runtime
+    // may call from several threads. Recursive, so that the change callback
+    // may call back into the driver on the same thread. Always taken before
+    // `mutex`, never while holding it or the runtime's shareMutex.
+    std::recursive_mutex serial;
+
+    // O(1) index beside dataArea: key -> position. Emptied with dataArea.
+    std::unordered_map<DataKey, int, DataKeyHash> dataIndex;
+};
+
+extern Protocol driver;
+
+#endif

@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# One entry point for people and CI:
+#   scripts/dev.sh run    install what is missing, build, run the host against the embedded simulator
+#   scripts/dev.sh test   install what is missing, build, run the whole test suite
+# Both are idempotent: a second run installs nothing and rebuilds only what changed.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ROOT=$PWD
+JOBS=$(nproc 2>/dev/null || echo 2)
+
+PACKAGES=(cmake g++ make pkg-config qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev
+          clang libclang-rt-14-dev binutils)
+
+install_missing() {
+    local missing=()
+    for p in "${PACKAGES[@]}"; do
+        dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "== installing: ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    # A mirror in the middle of a sync makes 'update' fail while the packages
+    # can often still be installed from the lists already here: go on.
+    $sudo apt-get update -qq || echo "warning: apt-get update failed; trying to install with the current package lists" >&2
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+configure_build() {  # dir, extra cmake args...
+    local dir=$1; shift
+    cmake -S "$ROOT" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+    cmake --build "$dir" -j "$JOBS"
+}
+
+case "${1:-}" in
+run)
+    install_missing
+    configure_build build -DKV_BUILD_BENCH=OFF
+    shift
+    exec "$ROOT/build/tools/kv3000-host" "$@"
+    ;;
+test)
+    install_missing
+    configure_build build
+    ctest --test-dir build --output-on-failure -j "$JOBS" --timeout 600
+    ;;
+*)
+    echo "usage: scripts/dev.sh run|test" >&2
+    exit 2
+    ;;
+esac

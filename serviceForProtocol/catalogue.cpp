@@ -1,0 +1,61 @@
+// Register catalogue lookups and the two catalogue exports.
+#include "kv3000_catalogue.h"
+#include "kv3000_intf.h"
+
+#include <QLatin1String>
+
+int getIndexFromRegName(const QString& name) {
+    for (int i = 0; i < REG_COUNT; ++i) {
+        if (name == QLatin1String(REG_LIST[i])) return i;
+    }
+    return -1;
+}
+
+int regElementBits(int index) {
+    if (index < 0 || index >= REG_COUNT) return 0;
+    return QString::fromLatin1(ADDRESS_RANGE_PRO[index][REG_COL_ELEMENT]).toInt(nullptr, 10);
+}
+
+int regTransferBits(int index) {
+    if (index < 0 || index >= REG_COUNT) return 0;
+    return QString::fromLatin1(ADDRESS_RANGE_PRO[index][REG_COL_TRANSFER]).toInt(nullptr, 10);
+}
+
+int intf_getRegListByType(int type, QList<QString>& names) {
+    for (int i = 0; i < REG_COUNT; ++i) {
+        const int bits = regElementBits(i);
+        const bool wanted = (type == 0) ? bits == 1 : bits > 1;
+        if (wanted) names.append(QString::fromLatin1(REG_LIST[i]));
+    }
+    // The type is compared unsigned: a negative type is neither 0 nor 1.
+    return static_cast<unsigned>(type) <= 1u ? 1 : 0;
+}
+
+int intf_getRegDiscription(const QString& name, QList<QString>& description) {
+    for (int i = 0; i < REG_COUNT; ++i) {
+        if (name != QLatin1String(REG_LIST[i])) continue;
+        const char* const* row = ADDRESS_RANGE_PRO[i];
+        description.append(QString::fromLatin1(row[REG_COL_FORMAT]));
+        description.append(QString::fromLatin1(row[REG_COL_MIN]));
+        description.append(QString::fromLatin1(row[REG_COL_MAX]));
+        QString size;
+        switch (regElementBits(i)) {
+            case 1: size = QStringLiteral("0"); break;
+            case 8:
+            case 16: size = QStringLiteral("1"); break;
+            case 32: size = QStringLiteral("2"); break;
+            default: size = QStringLiteral("1"); break;
+        }
+        description.append(size);
+        const QLatin1String access(row[REG_COL_ACCESS]);
+        if (access == QLatin1String("R"))
+            description.append(QStringLiteral("0"));
+        else if (access == QLatin1String("RW"))
+            description.append(QStringLiteral("1"));
+        else if (access == QLatin1String("W"))
+            description.append(QStringLiteral("2"));
+        else
+            description.append(QStringLiteral("1"));
+    }
+    return 0;
+}

@@ -1,0 +1,11 @@
+#ifndef KV3000_WRITE_RESULT_H
+#define KV3000_WRITE_RESULT_H
+
+#include <QString>
+
+// Settles the units of one write request: result 1 accepted, anything else failed.
+void _write_FailOrSuc(int station, QString reg, int address, int len, int result);
+// Marks the units of one monitored block; always 0.
+int _setDataAreaMonitorFlag(int station, QString reg, int address, int len);
+
+#endif
