@@ -84,6 +84,15 @@ public:
 
     // O(1) index beside dataArea: key -> position. Emptied with dataArea.
     std::unordered_map<DataKey, int, DataKeyHash> dataIndex;
+
+    // Bumped whenever readList is rebuilt: a cyclic read built from an older
+    // list does not rotate the new one when it completes.
+    uint32_t readListEpoch = 0;
+    uint32_t servedReadListEpoch = 0;
+    // Bumped by every initialisation, so that a transaction interrupted by a
+    // re-initialisation from inside the change callback stops touching lists
+    // that were emptied under it.
+    uint32_t initEpoch = 0;
 };
 
 extern Protocol driver;

@@ -34,7 +34,9 @@ int intf_initProperty(unsigned char* shareMemory, void* initArg2, unsigned short
     driver.recipeBuffer = recipeBuffer;
     driver.shareMutex = shareMutex;
 
+    ++driver.initEpoch;
     driver.readList.clear();
+    ++driver.readListEpoch;
     {
         std::lock_guard<std::mutex> lock(driver.mutex);
         driver.writeList.clear();

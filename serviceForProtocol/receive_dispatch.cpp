@@ -1,0 +1,143 @@
+// The receive half of the communication loop: checks each reply against the
+// frame on the wire, parses values, settles writes, retries or abandons, and
+// books the end of each transaction.
+#include "serviceForProtocol/receive_dispatch.h"
+
+#include "kv_3000/response_check.h"
+#include "protocol.h"
+#include "serviceForProtocol/scheduler.h"
+#include "serviceForProtocol/value_parser.h"
+#include "serviceForProtocol/write_result.h"
+
+#include <cstring>
+
+namespace {
+
+bool sameItem(const VARIABLE& a, const VARIABLE& b) {
+    return a.station == b.station && a.reg == b.reg && a.address == b.address && a.length == b.length;
+}
+
+// The write request a frame belongs to, copied out before anything calls back.
+struct Settlement {
+    int station;
+    QString reg;
+    int address;
+    int length;
+};
+
+Settlement settlementOf(const FRAME_PRO& f) { return {f.station, f.reg, f.address, f.length}; }
+
+void settle(const Settlement& s, int result) { _write_FailOrSuc(s.station, s.reg, s.address, s.length, result); }
+
+}  // namespace
+
+QString getErrorInfo(QByteArray) {
+    const FRAME_PRO& head = driver.frameList.first();
+    if (driver.handShakeFlag && head.replyLength != 0) return QStringLiteral("connection failed");
+    QString text;
+    if (head.reg.endsWith(QLatin1String("_bit")) || head.reg == QLatin1String("R")) {
+        text = QStringLiteral("%1%2.%3").arg(head.reg, QString::number(head.address / 16),
+                                             QString::number(head.address % 16));
+    } else {
+        text = QStringLiteral("%1%2").arg(head.reg, QString::number(head.address));
+    }
+    return QStringLiteral("%1#%2(%3)").arg(QString::number(head.station), text, QString::number(head.length));
+}
+
+int dealReadFrameReturnSaveData(QByteArray reply) {
+    const FRAME_PRO& head = driver.frameList.first();
+    VARIABLE var;
+    var.id = head.id;
+    var.station = head.station;
+    var.reg = head.reg;
+    var.address = head.address;
+    var.length = head.length;
+    std::memcpy(var.data, head.data, sizeof var.data);
+    const int count = head.elementCount;
+    const int offset = head.dataOffset;
+    analyzeFrameOfVal(reply, count, offset, var);
+    return 0;
+}
+
+void dealListWhenFinish() {
+    switch (driver.state) {
+        case 2: {
+            std::lock_guard<std::mutex> lock(driver.mutex);
+            if (!driver.writeList.isEmpty()) driver.writeList.removeFirst();
+            break;
+        }
+        case 3: {
+            if (driver.conditionReadList.isEmpty()) break;
+            const bool wasLast = sameItem(driver.conditionReadList.first(), driver.lastConditionVar);
+            // The list is settled before the runtime hears of it, so that a
+            // condition read queued from inside the callback is kept.
+            if (driver.commError == 1)
+                driver.conditionReadList.clear();
+            else
+                driver.conditionReadList.removeFirst();
+            if (wasLast) reportConditionReadEnd(driver.commError == 1);
+            break;
+        }
+        case 4:
+            // A list rebuilt while this block was on the wire starts from its own head.
+            if (driver.servedReadListEpoch == driver.readListEpoch && driver.readList.size() >= 2)
+                driver.readList.move(0, driver.readList.size() - 1);
+            break;
+        case 5:
+        case 6:
+            if (driver.commError == 0) {
+                ++driver.rcpFrameIndex;
+                if (driver.rcpFrameIndex < driver.rcpBlockList.size()) break;
+            }
+            endRecipeRequest(driver.state);
+            break;
+        default:
+            break;
+    }
+}
+
+int intf_dealRcvFrame(QByteArray* reply, QString* message) {
+    std::lock_guard<std::recursive_mutex> serial(driver.serial);
+    if (message) *message = QString();
+    if (driver.frameList.isEmpty()) return 0;
+
+    const QByteArray bytes = reply ? *reply : QByteArray();
+    const QString text = getErrorInfo(bytes);
+    if (message) *message = text;
+
+    // Anything below may call the runtime back; a re-initialisation from
+    // there empties the lists under us, and this transaction is then over.
+    const uint32_t epoch = driver.initEpoch;
+    auto interrupted = [epoch] { return driver.initEpoch != epoch || driver.frameList.isEmpty(); };
+
+    const int check = check_rcv_data(reinterpret_cast<unsigned char*>(const_cast<char*>(bytes.constData())),
+                                     driver.currentReadList, bytes.size());
+    if (check == 1 || check == 2) {
+        driver.commError = 0;
+        if (check == 1) {
+            dealReadFrameReturnSaveData(bytes);
+            if (interrupted()) return 1;
+        } else if (driver.state == 2 && driver.frameList.size() == 1) {
+            // The last frame of a write answered: the whole request succeeded.
+            settle(settlementOf(driver.frameList.first()), 1);
+            if (interrupted()) return 1;
+        }
+        driver.frameList.removeFirst();
+        if (driver.frameList.isEmpty()) dealListWhenFinish();
+        driver.retryCount = 0;
+        return 1;
+    }
+
+    ++driver.retryCount;
+    if (driver.retryCount < driver.retryTimes) return 8;
+
+    driver.commError = 1;
+    if (driver.state == 2) {
+        settle(settlementOf(driver.frameList.first()), 0);
+        if (driver.initEpoch != epoch) return 2;
+    }
+    driver.frameList.clear();
+    driver.retryCount = 0;
+    dealListWhenFinish();
+    return 2;
+}

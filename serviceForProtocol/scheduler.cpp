@@ -1,0 +1,191 @@
+// The frame scheduler: hands out the frame on the wire again while it is
+// unanswered, otherwise chooses the next transaction (handshake, recipe
+// transfer, write, condition read, cyclic read) and has it framed.
+#include "kv3000_catalogue.h"
+#include "kv3000_wire.h"
+#include "kv_3000/frame_builder.h"
+#include "protocol.h"
+#include "serviceForProtocol/recipe.h"
+#include "serviceForProtocol/scheduler.h"
+#include "serviceForProtocol/write_result.h"
+
+#include <QMutexLocker>
+
+#include <algorithm>
+
+namespace {
+
+unsigned char readShareByte(int position) {
+    if (!driver.shareMemory) return 0;
+    if (driver.shareMutex) {
+        QMutexLocker lock(driver.shareMutex);
+        return driver.shareMemory[position];
+    }
+    return driver.shareMemory[position];
+}
+
+// Builds the frames of a recipe write block. R and B are written one bit per
+// frame, so a bit block becomes one frame per bit, all in the same transaction.
+void buildRecipeWrite() {
+    const int index = getIndexFromRegName(driver.currentVar.reg);
+    const bool relayBits = index >= 0 && regTransferBits(index) == 1 &&
+                           (driver.currentVar.reg == QLatin1String("R") || driver.currentVar.reg == QLatin1String("B"));
+    if (!relayBits) {
+        getWriteFrame(driver.currentVar);
+        return;
+    }
+    const int n = std::min<int>(driver.currentVar.length, KV_BUFFER_SIZE);
+    for (int j = 0; j < n; ++j) {
+        VARIABLE bit = driver.currentVar;
+        bit.address = driver.currentVar.address + j;
+        bit.length = 1;
+        bit.data[0] = driver.currentVar.data[j];
+        const int before = driver.frameList.size();
+        getWriteFrame(bit);
+        if (driver.frameList.size() == before) {  // one bit cannot be framed: none is sent
+            driver.frameList.clear();
+            return;
+        }
+    }
+}
+
+int buildRead() {
+    driver.currentReadList.clear();
+    driver.currentReadList.append(driver.currentVar);
+    return getReadFrame(driver.currentReadList);
+}
+
+bool sameItem(const VARIABLE& a, const VARIABLE& b) {
+    return a.station == b.station && a.reg == b.reg && a.address == b.address && a.length == b.length;
+}
+
+int copyHead(FRAME_PRO* out) {
+    *out = driver.frameList.first();
+    return 1;
+}
+
+}  // namespace
+
+void endRecipeRequest(int state) {
+    driver.rcpFrameIndex = 0;
+    const int position = state == 5 ? kvwire::SHM_RECIPE_WRITE : kvwire::SHM_RECIPE_READ;
+    if (!driver.shareMemory) return;
+    if (driver.shareMutex) {
+        QMutexLocker lock(driver.shareMutex);
+        driver.shareMemory[position] = 0;
+    } else {
+        driver.shareMemory[position] = 0;
+    }
+}
+
+void reportConditionReadEnd(bool failed) {
+    if (driver.valueChangeCallBack) {
+        const QString name = QStringLiteral("-1");
+        driver.valueChangeCallBack(-1, -1, name, failed ? -1 : 0);
+    }
+}
+
+int intf_getSendFrame(FRAME_PRO* out) {
+    std::lock_guard<std::recursive_mutex> serial(driver.serial);
+    if (!out) return 0;
+    if (!driver.frameList.isEmpty()) return copyHead(out);
+
+    // Items that cannot be framed are dropped (and settled) and the choice is
+    // made again; unframeable cyclic blocks are rotated past, at most once each.
+    int unframeableBlocks = 0;
+    for (;;) {
+        const unsigned char w = readShareByte(kvwire::SHM_RECIPE_WRITE);
+        const unsigned char r = readShareByte(kvwire::SHM_RECIPE_READ);
+        const int blocks = driver.rcpBlockList.size();
+
+        if (driver.handShakeFlag) {
+            driver.state = 1;
+            handShakeFrame();
+            break;
+        }
+        if (w == 1 || (r == 1 && w != 1)) {
+            const int wanted = w == 1 ? 5 : 6;
+            if (driver.rcpFrameIndex < 0 || driver.rcpFrameIndex >= blocks) {
+                // Nothing (left) to transfer: the request ends here, and the
+                // previous transaction is not repeated.
+                endRecipeRequest(wanted);
+                continue;
+            }
+            driver.state = wanted;
+            rcpAddrToVar(driver.rcpBlockList.at(driver.rcpFrameIndex), driver.currentVar, wanted == 5 ? 1 : 0);
+            driver.readFrameCount = 1;
+            if (wanted == 5)
+                buildRecipeWrite();
+            else
+                driver.readFrameCount = buildRead();
+            if (driver.frameList.isEmpty()) {
+                // A block that cannot be framed ends the transfer as a failed one.
+                endRecipeRequest(wanted);
+                continue;
+            }
+            break;
+        }
+
+        bool haveWrite = false;
+        if (driver.sendCount <= 9) {
+            std::lock_guard<std::mutex> lock(driver.mutex);
+            if (!driver.writeList.isEmpty()) {
+                driver.currentVar = driver.writeList.first();
+                haveWrite = true;
+            }
+        }
+        if (haveWrite) {
+            driver.state = 2;
+            driver.readFrameCount = 1;
+            getWriteFrame(driver.currentVar);
+            if (!driver.frameList.isEmpty()) {
+                ++driver.sendCount;
+                break;
+            }
+            // Never sendable (unknown register, read-only "T"/"C"): drop it so it
+            // cannot hold up the queue, and let the screen fall back to the read value.
+            {
+                std::lock_guard<std::mutex> lock(driver.mutex);
+                if (!driver.writeList.isEmpty() && sameItem(driver.writeList.first(), driver.currentVar))
+                    driver.writeList.removeFirst();
+            }
+            const VARIABLE dropped = driver.currentVar;
+            _write_FailOrSuc(dropped.station, dropped.reg, dropped.address, dropped.length, 0);
+            continue;
+        }
+
+        if (!driver.conditionReadList.isEmpty() && driver.sendCount <= 2) {
+            driver.currentVar = driver.conditionReadList.first();
+            driver.state = 3;
+            driver.readFrameCount = buildRead();
+            if (!driver.frameList.isEmpty()) {
+                ++driver.sendCount;
+                break;
+            }
+            const bool wasLast = sameItem(driver.currentVar, driver.lastConditionVar);
+            driver.conditionReadList.removeFirst();
+            if (wasLast) reportConditionReadEnd(true);
+            continue;
+        }
+
+        if (!driver.readList.isEmpty() && unframeableBlocks < driver.readList.size()) {
+            driver.currentVar = driver.readList.first();
+            driver.state = 4;
+            driver.sendCount = 0;
+            buildRead();
+            driver.readFrameCount = 1;
+            driver.servedReadListEpoch = driver.readListEpoch;
+            if (!driver.frameList.isEmpty()) break;
+            ++unframeableBlocks;
+            if (driver.readList.size() >= 2) driver.readList.move(0, driver.readList.size() - 1);
+            continue;
+        }
+
+        driver.sendCount = 0;
+        driver.state = 0;
+        driver.frameList.clear();
+        return 0;
+    }
+    if (driver.frameList.isEmpty()) return 0;
+    return copyHead(out);
+}
