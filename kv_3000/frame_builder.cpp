@@ -1,0 +1,318 @@
+// Request frames of the KV-3000: the handshake, block reads and the writes of
+// words, double words, single bits and timer/counter values.
+//
+// Envelope: [06] 01 00 FF L <L command bytes> check 04, the check byte taken
+// over the FF, L and the command bytes; numbers most significant byte first.
+#include "kv_3000/frame_builder.h"
+
+#include "kv3000_catalogue.h"
+#include "kv3000_wire.h"
+#include "protocol.h"
+
+#include <QLatin1String>
+
+#include <algorithm>
+#include <cstdint>
+#include <initializer_list>
+#include <iterator>
+
+namespace {
+
+// What a working register is, for framing.
+enum class Kind {
+    RelayBit,    // R, B: read as whole words from an aligned start, written bit by bit
+    Contact,     // T, C: read-only contacts
+    RelayWord,   // MR, LR, CR: the frame addresses them as word * 16
+    TimerValue,  // TC, TS, CC, CS: nine-byte records on read, one value per write
+    Word,        // other 16-bit registers
+    DWord,       // other 32-bit registers
+    None,
+};
+
+bool isOneOf(const QString& reg, std::initializer_list<const char*> names) {
+    for (const char* n : names) {
+        if (reg == QLatin1String(n)) return true;
+    }
+    return false;
+}
+
+Kind kindOf(const QString& reg, int index) {
+    if (isOneOf(reg, {"R", "B"})) return Kind::RelayBit;
+    if (isOneOf(reg, {"T", "C"})) return Kind::Contact;
+    if (isOneOf(reg, {"MR", "LR", "CR"})) return Kind::RelayWord;
+    if (isOneOf(reg, {"TC", "TS", "CC", "CS"})) return Kind::TimerValue;
+    switch (regTransferBits(index)) {
+        case 16:
+            return Kind::Word;
+        case 32:
+            return Kind::DWord;
+        default:
+            return Kind::None;
+    }
+}
+
+bool endsInBit(const QString& reg) {
+    return reg.endsWith(QLatin1String("_bit"));
+}
+
+// Start address as the frame carries it; -1 when it does not fit the 4-byte field.
+int64_t frameStart(Kind kind, int64_t address) {
+    const int64_t start = kind == Kind::RelayWord ? address * 16 : address;
+    return (start < 0 || start > 0xFFFFFFFFLL) ? -1 : start;
+}
+
+void put16(unsigned char* at, uint32_t v) {
+    at[0] = static_cast<unsigned char>(v >> 8);
+    at[1] = static_cast<unsigned char>(v);
+}
+
+void put32(unsigned char* at, uint32_t v) {
+    put16(at, v >> 16);
+    put16(at + 2, v);
+}
+
+// 06 01 00 FF L; the command bytes follow at position 5.
+void openFrame(FRAME_PRO& f, int cmdLen) {
+    f.frame[0] = kvwire::ACK;
+    f.frame[1] = kvwire::SOF;
+    f.frame[2] = kvwire::HDR2;
+    f.frame[3] = kvwire::HDR3;
+    f.frame[4] = static_cast<unsigned char>(cmdLen);
+}
+
+// Check byte over positions 3 .. 4 + L, then 04.
+void closeFrame(FRAME_PRO& f, int cmdLen) {
+    const int end = 5 + cmdLen;
+    f.frame[end] =
+        static_cast<unsigned char>(computate_check(f.frame + 3, static_cast<unsigned short>(cmdLen + 2)));
+    f.frame[end + 1] = kvwire::EOT;
+    f.sendLength = end + 2;
+}
+
+FRAME_PRO recordFor(const VARIABLE& var) {
+    FRAME_PRO f;
+    f.id = var.id;
+    f.station = var.station;
+    f.reg = var.reg;
+    f.address = var.address;
+    f.length = var.length;
+    std::copy(std::begin(var.data), std::end(var.data), std::begin(f.data));
+    return f;
+}
+
+// 1E 01 00 area 00 00 n(2) start(4) values: one word-write frame of n units of
+// 2k bytes taken from data, MSB first.
+FRAME_PRO wordWriteFrame(const VARIABLE& var, int area, int k, int n, uint32_t start,
+                         const unsigned char* data) {
+    FRAME_PRO f = recordFor(var);
+    const int cmdLen = 2 * k * n + kvwire::WORD_WRITE_CMD_BASE;
+    openFrame(f, cmdLen);
+    unsigned char* p = f.frame + 5;
+    *p++ = kvwire::CMD_WORD;
+    *p++ = kvwire::CMD_WORD_WRITE;
+    *p++ = 0x00;
+    *p++ = static_cast<unsigned char>(area);
+    *p++ = 0x00;
+    *p++ = 0x00;
+    put16(p, static_cast<uint32_t>(n));
+    put32(p + 2, start);
+    p = f.frame + kvwire::WORD_WRITE_HEAD_LEN;
+    const int unitBytes = 2 * k;
+    for (int i = 0; i < n; ++i) {
+        for (int b = unitBytes - 1; b >= 0; --b) *p++ = data[unitBytes * i + b];
+    }
+    closeFrame(f, cmdLen);
+    f.replyLength = kvwire::WORD_WRITE_REPLY_LEN;
+    f.dataOffset = kvwire::WORD_WRITE_HEAD_LEN;
+    f.elementCount = 0;
+    return f;
+}
+
+}  // namespace
+
+unsigned short computate_check(unsigned char* bytes, unsigned short count) {
+    if (!bytes) return 0;
+    return kvwire::checkSum(bytes, count);
+}
+
+VARIABLE workingBlock(const VARIABLE& var) {
+    VARIABLE w = var;
+    if (!endsInBit(var.reg)) return w;
+    w.reg = var.reg.left(var.reg.indexOf(QLatin1Char('_')));
+    w.address = var.address / 16;
+    // Words covering bits (address mod 16) .. (address mod 16) + length - 1;
+    // in 64 bits so that a huge length cannot wrap. No bits, no words.
+    const int64_t bits = int64_t(var.address % 16) + var.length;
+    w.length = bits <= 0 ? 0 : static_cast<int32_t>((bits + 15) / 16);
+    return w;
+}
+
+void handShakeFrame() {
+    FRAME_PRO ack;
+    ack.frame[0] = kvwire::ACK;
+    ack.sendLength = 1;
+    ack.replyLength = 0;
+
+    // Requests of the handshake go without the leading 06.
+    FRAME_PRO first;
+    const unsigned char req1[] = {kvwire::SOF, kvwire::HDR2, kvwire::HDR3, 0x02, kvwire::CMD_HANDSHAKE_1,
+                                  0x01};
+    std::copy(std::begin(req1), std::end(req1), first.frame);
+    first.frame[6] = static_cast<unsigned char>(computate_check(first.frame + 2, 4));
+    first.frame[7] = kvwire::EOT;
+    first.sendLength = 8;
+    first.replyLength = kvwire::HANDSHAKE_1_REPLY_LEN;
+
+    FRAME_PRO second;
+    const unsigned char req2[] = {kvwire::SOF, kvwire::HDR2, kvwire::HDR3, 0x06, kvwire::CMD_HANDSHAKE_2,
+                                  0x00,        0x01,         0x06,         0x00, 0x00};
+    std::copy(std::begin(req2), std::end(req2), second.frame);
+    second.frame[10] = static_cast<unsigned char>(computate_check(second.frame + 2, 8));
+    second.frame[11] = kvwire::EOT;
+    second.sendLength = 12;
+    second.replyLength = kvwire::HANDSHAKE_2_REPLY_LEN;
+
+    driver.frameList.append(ack);
+    driver.frameList.append(first);
+    driver.frameList.append(ack);
+    driver.frameList.append(second);
+    driver.frameList.append(ack);
+}
+
+int getReadFrame(QList<VARIABLE> list) {
+    if (list.isEmpty()) return 0;
+    VARIABLE var = list.first();
+    // Only catalogue names: "Z_bit" would otherwise pass as "Z" word reads.
+    if (getIndexFromRegName(var.reg) < 0) return 0;
+    const VARIABLE w = workingBlock(var);
+    const int index = getIndexFromRegName(w.reg);
+    if (index < 0) return 0;
+    // Nothing to read, or an address the frame cannot carry.
+    if (var.length <= 0 || w.length <= 0 || var.address < 0) return 0;
+    const Kind kind = kindOf(w.reg, index);
+    if (kind == Kind::None) return 0;
+
+    int64_t start;
+    int64_t count;
+    if (kind == Kind::RelayBit) {
+        start = w.address - w.address % 16;
+        count = (w.address - start + int64_t(w.length) + 15) / 16;
+    } else {
+        start = frameStart(kind, w.address);
+        count = w.length;
+    }
+    // The count field has 16 bits, the start field 32.
+    if (start < 0 || count > 0xFFFF) return 0;
+
+    FRAME_PRO f;
+    if (kind == Kind::RelayBit) {
+        // The block grows to the aligned start, so the reply's bits line up with it.
+        var.length = static_cast<int32_t>(w.address - start + w.length);
+        var.address = static_cast<int32_t>(start);
+        f = recordFor(var);
+        f.replyLength = static_cast<int32_t>(2 * count + kvwire::READ_REPLY_OVERHEAD);
+        f.elementCount = var.length;
+    } else {
+        f = recordFor(var);
+        if (kind == Kind::Contact || kind == Kind::TimerValue) {
+            f.replyLength = kvwire::TC_RECORD_LEN * w.length + kvwire::READ_REPLY_OVERHEAD;
+        } else {
+            const int k = regTransferBits(index) / 16;
+            f.replyLength = 2 * w.length * k + kvwire::READ_REPLY_OVERHEAD;
+        }
+        f.elementCount = w.length;
+    }
+
+    openFrame(f, kvwire::READ_CMD_LEN);
+    f.frame[5] = kvwire::CMD_WORD;
+    f.frame[6] = kvwire::CMD_WORD_READ;
+    f.frame[7] = 0x00;
+    f.frame[8] = static_cast<unsigned char>(REG_LIST_AREA[index]);
+    f.frame[9] = 0x00;
+    f.frame[10] = 0x00;
+    put16(f.frame + 11, static_cast<uint32_t>(count));
+    put32(f.frame + 13, static_cast<uint32_t>(start));
+    closeFrame(f, kvwire::READ_CMD_LEN);
+    f.dataOffset = kvwire::READ_REPLY_HEADER;
+    driver.frameList.append(f);
+    return 1;
+}
+
+void getWriteFrame(VARIABLE& var) {
+    // Unknown names, no values to write, or an address no frame can carry.
+    if (getIndexFromRegName(var.reg) < 0) return;
+    if (var.length <= 0 || var.address < 0) return;
+    const bool bitInWord = endsInBit(var.reg);
+    const VARIABLE w = workingBlock(var);
+    const int index = getIndexFromRegName(w.reg);
+    if (index < 0) return;
+    const Kind kind = kindOf(w.reg, index);
+
+    // Contacts are read-only on the device.
+    if (kind == Kind::Contact || kind == Kind::None) return;
+
+    if (kind == Kind::RelayBit || kind == Kind::TimerValue) {
+        // Both carry the address in two bytes: a larger one is refused.
+        if (var.address > 0xFFFF) return;
+        FRAME_PRO f = recordFor(var);
+        unsigned char* p = f.frame + 5;
+        int cmdLen;
+        if (kind == Kind::RelayBit) {
+            cmdLen = kvwire::BIT_WRITE_CMD_LEN;
+            *p++ = var.data[0] ? kvwire::CMD_BIT_SET : kvwire::CMD_BIT_RESET;
+            *p++ = 0x00;
+            *p++ = 0x01;
+            *p++ = static_cast<unsigned char>(REG_LIST_AREA[index]);
+            put16(p, static_cast<uint32_t>(var.address));
+        } else {
+            cmdLen = kvwire::VALUE_WRITE_CMD_LEN;
+            *p++ = kvwire::CMD_VALUE_WRITE;
+            *p++ = 0x00;
+            *p++ = 0x01;
+            *p++ = static_cast<unsigned char>(REG_LIST_W_AREA[index]);
+            put16(p, static_cast<uint32_t>(var.address));
+            p += 2;
+            for (int b = 3; b >= 0; --b) *p++ = var.data[b];
+        }
+        openFrame(f, cmdLen);
+        closeFrame(f, cmdLen);
+        f.replyLength = kvwire::BIT_WRITE_REPLY_LEN;
+        f.dataOffset = 0;
+        f.elementCount = 0;
+        driver.frameList.append(f);
+        return;
+    }
+
+    const int k = kind == Kind::DWord ? 2 : 1;
+    const int perFrame = k == 2 ? kvwire::MAX_WRITE_DWORDS : kvwire::MAX_WRITE_WORDS;
+
+    if (bitInWord) {
+        // A bit write is a read of the covering words and their write-back,
+        // which the read's reply completes; it needs both frames or neither.
+        // Everything is checked before the read goes in. The covering words
+        // must fit one write frame, and data holds one byte per bit, so no
+        // more bits than that can be named.
+        if (w.length <= 0 || w.length > perFrame || var.length > KV_BUFFER_SIZE) return;
+        if (frameStart(kind, w.address) < 0) return;
+        if (!getReadFrame(QList<VARIABLE>() << var)) return;
+        static const unsigned char zeros[KV_BUFFER_SIZE] = {};
+        driver.frameList.append(wordWriteFrame(var, REG_LIST_AREA[index], k, w.length,
+                                               uint32_t(frameStart(kind, w.address)), zeros));
+        return;
+    }
+
+    // Refused when data cannot hold the values, or when the last frame's
+    // start would not fit its 4-byte field.
+    const int64_t n = w.length;
+    if (n * 2 * k > KV_BUFFER_SIZE) return;
+    if (frameStart(kind, int64_t(w.address) + n - 1) < 0) return;
+
+    // Longer blocks go out as several frames whose length byte stays below 256.
+    for (int done = 0; done < n;) {
+        const int part = std::min<int>(perFrame, static_cast<int>(n) - done);
+        const uint32_t start = static_cast<uint32_t>(frameStart(kind, int64_t(w.address) + done));
+        driver.frameList.append(
+            wordWriteFrame(var, REG_LIST_AREA[index], k, part, start, w.data + 2 * k * done));
+        done += part;
+    }
+}
