@@ -32,4 +32,28 @@ int uchar2int16(unsigned char b0, unsigned char b1);
 int uchar2int32(unsigned char b0, unsigned char b1, unsigned char b2, unsigned char b3);
 int asc2hex(QByteArray text, int pos);
 
+// Largest len the runtime's 1024-byte value buffers allow.
+enum { DATA_MAX_WORDS = 512, DATA_MAX_BITS = 1024 };
+
+// A register resolved once per operation, so unit loops need no name lookups.
+struct UnitRegister {
+    UnitKind kind = UNIT_NONE;
+    QString name;       // the name as given ("DM_bit")
+    QString key;        // the entries' regKey ("DM")
+    int keyIndex = -1;  // catalogue row of key
+};
+// False (and kind UNIT_NONE) for a name outside the catalogue.
+bool resolveUnitRegister(const QString& reg, UnitRegister& out);
+// Index in driver.dataArea of (station, r.key, address), created when missing.
+int dataAreaEntry(int station, const UnitRegister& r, int address);
+// The value a unit shows: the written one while a write is pending.
+inline const unsigned char* shownValue(const _DATA_& e) {
+    return e.writeValid == 1 ? e.writeValue : e.readValue;
+}
+// Entry at index of driver.dataArea, or null once the list no longer holds it
+// (a change callback may re-initialise the driver).
+_DATA_* dataAreaAt(int index);
+// True when address .. address+count-1 stays inside int32 (count >= 1).
+bool unitRangeFits(int address, long long count);
+
 #endif
