@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 
+#include <algorithm>
 #include <random>
 
 namespace {
@@ -282,6 +283,41 @@ TEST_F(Receive, ConditionReadQueuedFromTheCompletionCallbackIsKept) {
     EXPECT_TRUE(queued);
     ASSERT_EQ(driver.conditionReadList.size(), 1);
     EXPECT_EQ(driver.conditionReadList.first().reg, "TM");
+}
+
+TEST_F(Receive, PollingReportsAChangeInTheController) {
+    finishHandshake();
+    QList<KEY_ADDRESS> keys;
+    const char* regs[4] = {"DM", "R", "TC", "MR_bit"};
+    const int addresses[4] = {100, 37, 5, 165};
+    for (int i = 0; i < 4; ++i) {
+        KEY_ADDRESS k;
+        k.station = 1;
+        k.reg = QString::fromLatin1(regs[i]);
+        k.address = addresses[i];
+        k.length = i == 2 ? 2 : 1;
+        keys << k;
+    }
+    intf_addrMerge(keys);
+    runLoop(plc, 8);
+    calls().clear();
+    plc.setWord(6, 100, 4321);
+    plc.setBit(0, 37, true);
+    plc.timer(2, 5).current = 123456;
+    plc.setWord(17, 10, 1 << 5);
+    runLoop(plc, 4);
+    std::vector<CallbackRecord> expected = {
+        {1, 1, "DM", 100}, {1, 1, "R", 37}, {1, 1, "TC", 5}, {1, 1, "MR_bit", 165}};
+    for (const auto& e : expected) EXPECT_NE(std::find(calls().begin(), calls().end(), e), calls().end()) << e.name.toStdString();
+    unsigned char w[2], b, d[4], mb;
+    intf_getData(1, QStringLiteral("DM"), 100, 1, w);
+    intf_getData(1, QStringLiteral("R"), 37, 1, &b);
+    intf_getData(1, QStringLiteral("TC"), 5, 2, d);
+    intf_getData(1, QStringLiteral("MR_bit"), 165, 1, &mb);
+    EXPECT_EQ(w[0] + 256 * w[1], 4321);
+    EXPECT_EQ(b, 1);
+    EXPECT_EQ(d[0] + 256 * d[1] + 65536 * d[2], 123456);
+    EXPECT_EQ(mb, 1);
 }
 
 TEST_F(Receive, AnyBytesGiveADefinedResult) {

@@ -1,0 +1,233 @@
+// Write requests: cutting into items, the queueing rule, the local-only mode
+// and what is refused.
+#include "kv_responder.h"
+#include "runtime_fixture.h"
+
+#include <vector>
+
+namespace {
+
+class Writes : public RuntimeFixture {
+protected:
+    void write(const char* reg, int address, int length, const std::vector<unsigned char>& data, int id = 1) {
+        QString name = QString::fromLatin1(reg);
+        EXPECT_EQ(intf_setData(1, &name, address, length, const_cast<unsigned char*>(data.data()), id), 1);
+    }
+    static std::vector<unsigned char> ramp(int n) {
+        std::vector<unsigned char> v(n);
+        for (int i = 0; i < n; ++i) v[i] = static_cast<unsigned char>(i);
+        return v;
+    }
+    QList<VARIABLE> queue() {
+        std::lock_guard<std::mutex> lock(driver.mutex);
+        return driver.writeList;
+    }
+    static QString shape(const QList<VARIABLE>& list) {
+        QStringList s;
+        for (const VARIABLE& v : list) s << QStringLiteral("%1(%2,%3)").arg(v.reg).arg(v.address).arg(v.length);
+        return s.join(' ');
+    }
+};
+
+TEST_F(Writes, LocalWriteOnlyChangesOnlyTheDataArea) {
+    initDriver("1#1#0#3#0");  // block length 0 does not matter: nothing is queued
+    write("DM", 10, 1, {0x34, 0x12});
+    EXPECT_TRUE(queue().isEmpty());
+    unsigned char out[2];
+    intf_getData(1, QStringLiteral("DM"), 10, 1, out);
+    EXPECT_EQ(out[0], 0x34);
+    EXPECT_EQ(out[1], 0x12);
+}
+
+TEST_F(Writes, WordsAreCutByTheBlockLength) {
+    initDriver("1#0#0#3#4");
+    DebugCapture capture;
+    write("DM", 100, 10, ramp(20), 7);
+    const QList<VARIABLE> q = queue();
+    EXPECT_EQ(shape(q), "DM(100,4) DM(104,4) DM(108,2)");
+    EXPECT_EQ(q[1].id, 7);
+    EXPECT_EQ(q[1].data[0], 8);
+    EXPECT_EQ(q[1].data[7], 15);
+    EXPECT_EQ(q[2].data[0], 16);
+    EXPECT_EQ(q[2].data[3], 19);
+    EXPECT_TRUE(capture.lines().contains("addVarToList 1 \"DM\" 100 4"));
+}
+
+TEST_F(Writes, RelayBitsBecomeOneItemPerBit) {
+    DebugCapture capture;
+    write("R", 80, 3, {1, 0, 1});
+    const QList<VARIABLE> q = queue();
+    EXPECT_EQ(shape(q), "R(80,1) R(81,1) R(82,1)");
+    EXPECT_EQ(q[1].data[0], 0);
+    EXPECT_EQ(q[2].data[0], 1);
+    EXPECT_TRUE(capture.lines().contains("addVarToList 1 \"R\" 82 1 0"));
+}
+
+TEST_F(Writes, WaitingItemIsOverwrittenButNeverTheHead) {
+    write("DM", 100, 1, {1, 0});
+    write("DM", 100, 1, {2, 0});  // the head is on the wire: appended
+    EXPECT_EQ(shape(queue()), "DM(100,1) DM(100,1)");
+    write("DM", 100, 1, {3, 0});  // replaces the waiting one
+    const QList<VARIABLE> q = queue();
+    ASSERT_EQ(q.size(), 2);
+    EXPECT_EQ(q[0].data[0], 1);
+    EXPECT_EQ(q[1].data[0], 3);
+}
+
+TEST_F(Writes, DoubleWordRegistersHalveIntoContiguousItems) {
+    initDriver("1#0#0#3#4");
+    write("TC", 4, 4, ramp(8));
+    EXPECT_EQ(shape(queue()), "TC(4,2)");
+    initDriver("1#0#0#3#2");
+    write("TC", 4, 4, ramp(8));
+    const QList<VARIABLE> q = queue();
+    EXPECT_EQ(shape(q), "TC(4,1) TC(5,1)");
+    EXPECT_EQ(q[1].data[0], 4);
+    // An odd limit would leave a double word half in two pieces: it is made even.
+    initDriver("1#0#0#3#5");
+    write("TC", 4, 10, ramp(20));
+    EXPECT_EQ(shape(queue()), "TC(4,2) TC(6,2) TC(8,1)");
+}
+
+TEST_F(Writes, PiecesNeverExceedOneFrame) {
+    initDriver("1#0#0#3#500");
+    write("DM", 0, 300, ramp(600));
+    EXPECT_EQ(shape(queue()), "DM(0,121) DM(121,121) DM(242,58)");
+    initDriver("1#0#0#3#500");
+    write("Z", 0, 250, ramp(500));
+    EXPECT_EQ(shape(queue()), "Z(0,60) Z(60,60) Z(120,5)");
+}
+
+TEST_F(Writes, BitsInWordsAreCutByTheBitLimit) {
+    initDriver("1#0#0#3#2");  // 16 bits per piece
+    std::vector<unsigned char> bits(20);
+    for (int i = 0; i < 20; ++i) bits[i] = i % 3 == 0;
+    write("DM_bit", 160, 20, bits);
+    const QList<VARIABLE> q = queue();
+    EXPECT_EQ(shape(q), "DM_bit(160,16) DM_bit(176,4)");
+    EXPECT_EQ(q[1].data[0], bits[16]);
+    EXPECT_EQ(q[1].data[2], bits[18]);
+}
+
+TEST_F(Writes, TheCapOverwritesTheLastItemAndSettlesIt) {
+    for (int i = 0; i < 513; ++i) write("DM", i, 1, {1, 0});
+    ASSERT_EQ(queue().size(), 513);
+    QList<KEY_ADDRESS> keys;
+    KEY_ADDRESS k;
+    k.station = 1;
+    k.reg = QStringLiteral("DM");
+    k.address = 512;
+    k.length = 1;
+    keys << k;
+    intf_addrMerge(keys);
+    calls().clear();
+    write("DM", 9999, 1, {5, 0});
+    const QList<VARIABLE> q = queue();
+    ASSERT_EQ(q.size(), 513);
+    EXPECT_EQ(q[512].address, 9999);
+    // The lost write of DM 512 falls back to the read value, and the screen is told.
+    unsigned char out[2] = {9, 9};
+    intf_getData(1, QStringLiteral("DM"), 512, 1, out);
+    EXPECT_EQ(out[0], 0);
+    ASSERT_EQ(calls().size(), 1u);
+    EXPECT_EQ(calls()[0], (CallbackRecord{1, 1, "DM", 512}));
+}
+
+TEST_F(Writes, RefusedRequestsChangeNothing) {
+    std::vector<unsigned char> big(2048, 1);
+    write("XX", 1, 1, {1, 0});
+    write("DM", 1, 0, {1, 0});
+    write("DM", 1, -5, {1, 0});
+    write("DM", 1, 513, big);
+    write("DM_bit", 1, 1025, big);
+    write("DM", -1, 1, {1, 0});
+    write("DM", 2147483647, 2, {1, 0, 1, 0});
+    QString dm = QStringLiteral("DM");
+    EXPECT_EQ(intf_setData(1, &dm, 1, 1, nullptr, 0), 1);
+    EXPECT_EQ(intf_setData(1, nullptr, 1, 1, big.data(), 0), 1);
+    EXPECT_TRUE(queue().isEmpty());
+    EXPECT_TRUE(driver.dataArea.isEmpty());
+    initDriver("1#0#0#3#0");
+    write("DM", 1, 1, {1, 0});
+    EXPECT_TRUE(queue().isEmpty());
+    EXPECT_TRUE(driver.dataArea.isEmpty());
+}
+
+TEST_F(Writes, ContactsAreNotQueuedAndFallBackAtOnce) {
+    write("C", 3, 1, {1});
+    write("DM", 9, 1, {1, 0});
+    EXPECT_EQ(shape(queue()), "DM(9,1)");
+    unsigned char out = 7;
+    intf_getData(1, QStringLiteral("C"), 3, 1, &out);
+    EXPECT_EQ(out, 0);
+    // Bit units report every change of what they show: the write, then its withdrawal.
+    ASSERT_EQ(calls().size(), 2u);
+    EXPECT_EQ(calls()[1], (CallbackRecord{1, 1, "C", 3}));
+}
+
+class WritesEndToEnd : public Writes {
+protected:
+    KvResponder plc;
+};
+
+TEST_F(WritesEndToEnd, WrittenValueReachesTheControllerAndSurvivesTheNextRead) {
+    runLoop(plc, 5);
+    QList<KEY_ADDRESS> keys;
+    KEY_ADDRESS k;
+    k.station = 1;
+    k.reg = QStringLiteral("DM");
+    k.address = 100;
+    k.length = 2;
+    keys << k;
+    intf_addrMerge(keys);
+    runLoop(plc, 1);
+    write("DM", 100, 2, {0x34, 0x12, 0x78, 0x56});
+    unsigned char out[4];
+    intf_getData(1, QStringLiteral("DM"), 100, 2, out);
+    EXPECT_EQ(out[1], 0x12);  // shown at once
+    runLoop(plc, 2);          // the write, then a cyclic read
+    EXPECT_EQ(plc.word(6, 100), 0x1234);
+    EXPECT_EQ(plc.word(6, 101), 0x5678);
+    intf_getData(1, QStringLiteral("DM"), 100, 2, out);
+    EXPECT_EQ(out[0], 0x34);
+    EXPECT_EQ(out[3], 0x56);
+    for (const _DATA_& d : qAsConst(driver.dataArea)) EXPECT_EQ(d.writeValid, 0);
+}
+
+TEST_F(WritesEndToEnd, BitWriteIntoAWordKeepsTheOtherBits) {
+    runLoop(plc, 5);
+    plc.setWord(6, 100, 0x8001);
+    plc.setWord(6, 101, 0x0F0F);
+    write("DM_bit", 100 * 16 + 14, 4, {1, 0, 0, 1});
+    runLoop(plc, 2);
+    EXPECT_EQ(plc.word(6, 100), 0x4001);
+    EXPECT_EQ(plc.word(6, 101), 0x0F0E);
+    EXPECT_TRUE(queue().isEmpty());
+}
+
+TEST_F(WritesEndToEnd, WriteThatKeepsFailingFallsBackToTheReadValue) {
+    runLoop(plc, 5);
+    QList<KEY_ADDRESS> keys;
+    KEY_ADDRESS k;
+    k.station = 1;
+    k.reg = QStringLiteral("TM");
+    k.address = 3;
+    k.length = 1;
+    keys << k;
+    intf_addrMerge(keys);
+    plc.setWord(8, 3, 11);
+    runLoop(plc, 1);
+    write("TM", 3, 1, {99, 0});
+    calls().clear();
+    const auto steps = runLoop(plc, 3, [](const FRAME_PRO&, QByteArray r) { return r.left(r.size() - 1); });
+    ASSERT_EQ(steps.size(), 3u);
+    EXPECT_EQ(steps[2].result, 2);
+    EXPECT_EQ(plc.word(8, 3), 11);
+    unsigned char out[2];
+    intf_getData(1, QStringLiteral("TM"), 3, 1, out);
+    EXPECT_EQ(out[0], 11);
+    ASSERT_EQ(calls().size(), 1u);
+    EXPECT_EQ(calls()[0], (CallbackRecord{1, 1, "TM", 3}));
+}
+
+}  // namespace
