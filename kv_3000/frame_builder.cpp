@@ -252,34 +252,42 @@ void getWriteFrame(VARIABLE& var) {
     if (kind == Kind::Contact || kind == Kind::None) return;
 
     if (kind == Kind::RelayBit || kind == Kind::TimerValue) {
-        // Both carry the address in two bytes: a larger one is refused.
-        if (var.address > 0xFFFF) return;
-        FRAME_PRO f = recordFor(var);
-        unsigned char* p = f.frame + 5;
-        int cmdLen;
-        if (kind == Kind::RelayBit) {
-            cmdLen = kvwire::BIT_WRITE_CMD_LEN;
-            *p++ = var.data[0] ? kvwire::CMD_BIT_SET : kvwire::CMD_BIT_RESET;
-            *p++ = 0x00;
-            *p++ = 0x01;
-            *p++ = static_cast<unsigned char>(REG_LIST_AREA[index]);
-            put16(p, static_cast<uint32_t>(var.address));
-        } else {
-            cmdLen = kvwire::VALUE_WRITE_CMD_LEN;
-            *p++ = kvwire::CMD_VALUE_WRITE;
-            *p++ = 0x00;
-            *p++ = 0x01;
-            *p++ = static_cast<unsigned char>(REG_LIST_W_AREA[index]);
-            put16(p, static_cast<uint32_t>(var.address));
-            p += 2;
-            for (int b = 3; b >= 0; --b) *p++ = var.data[b];
+        // These frames carry one element each. A block of several elements
+        // (a recipe block, a timer write of two values) goes out as one frame
+        // per element in the same transaction, so no value is dropped. The
+        // address has two bytes, and data holds 1024 bits or 256 values.
+        const bool bits = kind == Kind::RelayBit;
+        const int64_t n = var.length;
+        if (n > (bits ? KV_BUFFER_SIZE : KV_BUFFER_SIZE / 4) || int64_t(var.address) + n - 1 > 0xFFFF) return;
+        for (int j = 0; j < n; ++j) {
+            FRAME_PRO f = recordFor(var);
+            unsigned char* p = f.frame + 5;
+            const uint32_t address = static_cast<uint32_t>(var.address + j);
+            int cmdLen;
+            if (bits) {
+                cmdLen = kvwire::BIT_WRITE_CMD_LEN;
+                *p++ = var.data[j] ? kvwire::CMD_BIT_SET : kvwire::CMD_BIT_RESET;
+                *p++ = 0x00;
+                *p++ = 0x01;
+                *p++ = static_cast<unsigned char>(REG_LIST_AREA[index]);
+                put16(p, address);
+            } else {
+                cmdLen = kvwire::VALUE_WRITE_CMD_LEN;
+                *p++ = kvwire::CMD_VALUE_WRITE;
+                *p++ = 0x00;
+                *p++ = 0x01;
+                *p++ = static_cast<unsigned char>(REG_LIST_W_AREA[index]);
+                put16(p, address);
+                p += 2;
+                for (int b = 3; b >= 0; --b) *p++ = var.data[4 * j + b];
+            }
+            openFrame(f, cmdLen);
+            closeFrame(f, cmdLen);
+            f.replyLength = kvwire::BIT_WRITE_REPLY_LEN;
+            f.dataOffset = 0;
+            f.elementCount = 0;
+            driver.frameList.append(f);
         }
-        openFrame(f, cmdLen);
-        closeFrame(f, cmdLen);
-        f.replyLength = kvwire::BIT_WRITE_REPLY_LEN;
-        f.dataOffset = 0;
-        f.elementCount = 0;
-        driver.frameList.append(f);
         return;
     }
 

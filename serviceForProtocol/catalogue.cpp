@@ -40,11 +40,19 @@ int intf_getRegDiscription(const QString& name, QList<QString>& description) {
         description.append(QString::fromLatin1(row[REG_COL_MAX]));
         QString size;
         switch (regElementBits(i)) {
-            case 1: size = QStringLiteral("0"); break;
+            case 1:
+                size = QStringLiteral("0");
+                break;
             case 8:
-            case 16: size = QStringLiteral("1"); break;
-            case 32: size = QStringLiteral("2"); break;
-            default: size = QStringLiteral("1"); break;
+            case 16:
+                size = QStringLiteral("1");
+                break;
+            case 32:
+                size = QStringLiteral("2");
+                break;
+            default:
+                size = QStringLiteral("1");
+                break;
         }
         description.append(size);
         const QLatin1String access(row[REG_COL_ACCESS]);

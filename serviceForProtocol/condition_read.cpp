@@ -63,7 +63,8 @@ int intf_addConditionRead(const KEY_ADDRESS& key, int id) {
         refuse(key, "length outside the register");
         return 1;
     }
-    const long long pieces = key.length <= limit ? 1 : (static_cast<long long>(key.length) + limit - 1) / limit;
+    const long long pieces =
+        key.length <= limit ? 1 : (static_cast<long long>(key.length) + limit - 1) / limit;
     if (pieces > MAX_QUEUED) {
         refuse(key, "more pieces than the queue holds");
         return 1;

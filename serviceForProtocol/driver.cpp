@@ -73,7 +73,9 @@ void intf_getDriverParameter(QString& out) {
               .arg(driver.regList.join(QLatin1Char(',')));
 }
 
-void intf_getDriverPropertyPage(QString& out) { out = QStringLiteral(PROCOTOL_PAR_HMI_SET_MODE); }
+void intf_getDriverPropertyPage(QString& out) {
+    out = QStringLiteral(PROCOTOL_PAR_HMI_SET_MODE);
+}
 
 void intf_SetDriverPropertyPage(const QString& page) {
     std::lock_guard<std::recursive_mutex> serial(driver.serial);
@@ -85,4 +87,6 @@ void intf_setAddrValueChangeCallBack(ValueChangeCallBack callback) {
     driver.valueChangeCallBack = callback;
 }
 
-QString intf_getVersion() { return QStringLiteral(PROCOTOL_VERSION); }
+QString intf_getVersion() {
+    return QStringLiteral(PROCOTOL_VERSION);
+}

@@ -25,9 +25,13 @@ struct Settlement {
     int length;
 };
 
-Settlement settlementOf(const FRAME_PRO& f) { return {f.station, f.reg, f.address, f.length}; }
+Settlement settlementOf(const FRAME_PRO& f) {
+    return {f.station, f.reg, f.address, f.length};
+}
 
-void settle(const Settlement& s, int result) { _write_FailOrSuc(s.station, s.reg, s.address, s.length, result); }
+void settle(const Settlement& s, int result) {
+    _write_FailOrSuc(s.station, s.reg, s.address, s.length, result);
+}
 
 }  // namespace
 

@@ -46,8 +46,8 @@ int intf_addrMerge(QList<KEY_ADDRESS>& keys) {
     for (int i = 0; i < driver.readList.size(); ++i) {
         const VARIABLE& v = driver.readList.at(i);
         qDebug() << QStringLiteral("step3:id=%1,std=%2,reg=%3,address=%4,len=%5")
-                        .arg(QString::number(i), QString::number(v.station), v.reg, QString::number(v.address),
-                             QString::number(v.length));
+                        .arg(QString::number(i), QString::number(v.station), v.reg,
+                             QString::number(v.address), QString::number(v.length));
     }
     return driver.readList.size();
 }

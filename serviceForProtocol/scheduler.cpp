@@ -1,12 +1,12 @@
 // The frame scheduler: hands out the frame on the wire again while it is
 // unanswered, otherwise chooses the next transaction (handshake, recipe
 // transfer, write, condition read, cyclic read) and has it framed.
+#include "serviceForProtocol/scheduler.h"
 #include "kv3000_catalogue.h"
 #include "kv3000_wire.h"
 #include "kv_3000/frame_builder.h"
 #include "protocol.h"
 #include "serviceForProtocol/recipe.h"
-#include "serviceForProtocol/scheduler.h"
 #include "serviceForProtocol/write_result.h"
 
 #include <QMutexLocker>
@@ -22,31 +22,6 @@ unsigned char readShareByte(int position) {
     if (!driver.shareMemory) return 0;
     QMutexLocker lock(driver.shareMutex);
     return __atomic_load_n(driver.shareMemory + position, __ATOMIC_ACQUIRE);
-}
-
-// Builds the frames of a recipe write block. R and B are written one bit per
-// frame, so a bit block becomes one frame per bit, all in the same transaction.
-void buildRecipeWrite() {
-    const int index = getIndexFromRegName(driver.currentVar.reg);
-    const bool relayBits = index >= 0 && regTransferBits(index) == 1 &&
-                           (driver.currentVar.reg == QLatin1String("R") || driver.currentVar.reg == QLatin1String("B"));
-    if (!relayBits) {
-        getWriteFrame(driver.currentVar);
-        return;
-    }
-    const int n = std::min<int>(driver.currentVar.length, KV_BUFFER_SIZE);
-    for (int j = 0; j < n; ++j) {
-        VARIABLE bit = driver.currentVar;
-        bit.address = driver.currentVar.address + j;
-        bit.length = 1;
-        bit.data[0] = driver.currentVar.data[j];
-        const int before = driver.frameList.size();
-        getWriteFrame(bit);
-        if (driver.frameList.size() == before) {  // one bit cannot be framed: none is sent
-            driver.frameList.clear();
-            return;
-        }
-    }
 }
 
 int buildRead() {
@@ -108,10 +83,11 @@ int intf_getSendFrame(FRAME_PRO* out) {
                 continue;
             }
             driver.state = wanted;
-            rcpAddrToVar(driver.rcpBlockList.at(driver.rcpFrameIndex), driver.currentVar, wanted == 5 ? 1 : 0);
+            rcpAddrToVar(driver.rcpBlockList.at(driver.rcpFrameIndex), driver.currentVar,
+                         wanted == 5 ? 1 : 0);
             driver.readFrameCount = 1;
             if (wanted == 5)
-                buildRecipeWrite();
+                getWriteFrame(driver.currentVar);
             else
                 driver.readFrameCount = buildRead();
             if (driver.frameList.isEmpty()) {

@@ -124,8 +124,8 @@ void patchBitWrite(const Reply& d, int count, const VARIABLE& var) {
         write.frame[at + 2 * w] = words[2 * w + 1];
         write.frame[at + 2 * w + 1] = words[2 * w];
     }
-    write.frame[write.sendLength - 2] =
-        static_cast<unsigned char>(computate_check(write.frame + 3, static_cast<unsigned short>(write.sendLength - 5)));
+    write.frame[write.sendLength - 2] = static_cast<unsigned char>(
+        computate_check(write.frame + 3, static_cast<unsigned short>(write.sendLength - 5)));
 }
 
 }  // namespace
@@ -161,7 +161,8 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
             const Span span = elementsWithin(e.address, e.length, var.address, var.address + 0LL + count);
             for (long long j = span.begin; j < span.end; ++j) {
                 const long long element = static_cast<long long>(e.address) + j - var.address;
-                const int at = getIndexOfDataArea(station, var.reg, int(var.address + element), driver.dataArea);
+                const int at =
+                    getIndexOfDataArea(station, var.reg, int(var.address + element), driver.dataArea);
                 putRecipeWord(static_cast<long long>(e.bufferOffset) + j, driver.dataArea[at].readValue[0]);
                 if (interrupted()) return 0;
             }
@@ -237,7 +238,8 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
             _dwordDataChange(&old, &fresh, at, 0);
             if (interrupted()) return 0;
         }
-        for (int b = 0; b < 4; ++b) driver.dataArea[at].readValue[b] = static_cast<unsigned char>(v >> (8 * b));
+        for (int b = 0; b < 4; ++b)
+            driver.dataArea[at].readValue[b] = static_cast<unsigned char>(v >> (8 * b));
     }
     // Every value of a 32-bit entry: length / 2 values (at least one), two buffer words each.
     for (int k = recipe.first; k < recipe.last; ++k) {

@@ -30,7 +30,8 @@ bool queueWrite(const VARIABLE& item, VARIABLE& lost) {
     // The head is on the wire: never compared or overwritten.
     for (int i = list.size() - 1; i >= 1; --i) {
         const VARIABLE& p = list.at(i);
-        if (p.station == item.station && p.reg == item.reg && p.address == item.address && p.length == item.length) {
+        if (p.station == item.station && p.reg == item.reg && p.address == item.address &&
+            p.length == item.length) {
             list[i] = item;
             return false;
         }
@@ -47,7 +48,8 @@ bool queueWrite(const VARIABLE& item, VARIABLE& lost) {
 void queueAndReport(const VARIABLE& item) {
     VARIABLE lost;
     if (queueWrite(item, lost)) {
-        qWarning().noquote() << QStringLiteral("kv_3000: write queue full (%1 items): write %2#%3%4(%5) dropped")
+        qWarning().noquote() << QStringLiteral(
+                                    "kv_3000: write queue full (%1 items): write %2#%3%4(%5) dropped")
                                     .arg(QString::number(MAX_QUEUED), QString::number(lost.station), lost.reg,
                                          QString::number(lost.address), QString::number(lost.length));
         // Never to be written: the screen falls back to the read value.
@@ -82,7 +84,8 @@ void groupingKey(KEY_ADDRESS& key, int maxLength, QList<KEY_ADDRESS>& out, int c
             const long long from = static_cast<long long>(k) * maxLength * bytesPerElement;
             const long long count = static_cast<long long>(piece.length) * bytesPerElement;
             if (from < KV_BUFFER_SIZE)
-                std::memcpy(piece.values, key.values + from, static_cast<size_t>(std::min<long long>(count, KV_BUFFER_SIZE - from)));
+                std::memcpy(piece.values, key.values + from,
+                            static_cast<size_t>(std::min<long long>(count, KV_BUFFER_SIZE - from)));
         }
         out.append(piece);
     }
@@ -145,7 +148,8 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
                 item.address = address + i;
                 item.length = 1;
                 item.data[0] = data[i];
-                qDebug() << "addVarToList" << item.station << item.reg << item.address << item.length << transfer / 8;
+                qDebug() << "addVarToList" << item.station << item.reg << item.address << item.length
+                         << transfer / 8;
                 queueAndReport(item);
             }
         } else {
@@ -158,7 +162,8 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
                 item.station = station;
                 item.reg = reg;
                 item.address = piece.address - reduced;
-                item.length = elementBits == 1 ? piece.length : static_cast<int>(piece.length * (16.0 / transfer));
+                item.length =
+                    elementBits == 1 ? piece.length : static_cast<int>(piece.length * (16.0 / transfer));
                 reduced += piece.length - item.length;
                 std::memcpy(item.data, piece.values, sizeof item.data);
                 qDebug() << "addVarToList" << item.station << item.reg << item.address << item.length;

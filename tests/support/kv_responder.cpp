@@ -10,10 +10,18 @@ uint32_t be(const unsigned char* p, int n) {
     return v;
 }
 
-bool isRelayWordArea(int area) { return area == 17 || area == 18 || area == 1; }
-bool isTimerArea(int area) { return area == 2 || area == 3; }
-bool isDwordArea(int area) { return area == 48 || area == 38; }
-bool isBitArea(int area) { return area == 0 || area == 27; }
+bool isRelayWordArea(int area) {
+    return area == 17 || area == 18 || area == 1;
+}
+bool isTimerArea(int area) {
+    return area == 2 || area == 3;
+}
+bool isDwordArea(int area) {
+    return area == 48 || area == 38;
+}
+bool isBitArea(int area) {
+    return area == 0 || area == 27;
+}
 
 }  // namespace
 
@@ -44,7 +52,7 @@ uint32_t KvResponder::dword(int area, int address) const {
 QByteArray KvResponder::answer(const unsigned char* f, int size) {
     ++requests;
     if (size == 1 && f[0] == 0x06) return QByteArray();
-    if (size == 8 && f[0] == 0x01) return envelope({0x01, 0x00, 0xFF, 0x02, 0x07, 0x01});          // 9 bytes
+    if (size == 8 && f[0] == 0x01) return envelope({0x01, 0x00, 0xFF, 0x02, 0x07, 0x01});         // 9 bytes
     if (size == 12 && f[0] == 0x01) return envelope({0x01, 0x00, 0xFF, 0x03, 0x20, 0x00, 0x01});  // 10 bytes
     if (size < 13 || f[0] != 0x06) return QByteArray("\x15", 1);
     const int cmd = f[5];
@@ -97,7 +105,7 @@ QByteArray KvResponder::answer(const unsigned char* f, int size) {
     }
     if (cmd == 0x32 || cmd == 0x33) {  // bit set / reset
         setBit(f[8], int(be(f + 9, 2)), cmd == 0x32);
-        return envelope({0x01, 0x00, 0xFF, 0x01, static_cast<unsigned char>(cmd)});
+        return envelope({0x01, 0x00, 0xFF, 0x02, static_cast<unsigned char>(cmd), 0x00});
     }
     if (cmd == 0x18) {  // timer / counter value write
         const int warea = f[8];
@@ -108,7 +116,7 @@ QByteArray KvResponder::answer(const unsigned char* f, int size) {
             t.current = v;
         else
             t.set = v;
-        return envelope({0x01, 0x00, 0xFF, 0x01, 0x18});
+        return envelope({0x01, 0x00, 0xFF, 0x02, 0x18, 0x00});
     }
     return QByteArray("\x15", 1);
 }

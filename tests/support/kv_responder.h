@@ -51,7 +51,8 @@ struct LoopStep {
     FRAME_PRO frame;
     int result;
 };
-std::vector<LoopStep> runLoop(KvResponder& plc, int steps,
-                              const std::function<QByteArray(const FRAME_PRO&, QByteArray)>& tamper = nullptr);
+std::vector<LoopStep> runLoop(
+    KvResponder& plc, int steps,
+    const std::function<QByteArray(const FRAME_PRO&, QByteArray)>& tamper = nullptr);
 
 #endif

@@ -6,7 +6,8 @@
 #include <ostream>
 
 void PrintTo(const CallbackRecord& r, std::ostream* os) {
-    *os << "(" << r.context << ", " << r.station << ", \"" << r.name.toStdString() << "\", " << r.address << ")";
+    *os << "(" << r.context << ", " << r.station << ", \"" << r.name.toStdString() << "\", " << r.address
+        << ")";
 }
 
 std::vector<CallbackRecord>& RuntimeFixture::calls() {

@@ -86,8 +86,9 @@ TEST(DriverInit, HugeGapDoesNotOverflowTheBitLimit) {
 TEST(DriverInfo, IdentityStrings) {
     QString s;
     intf_getDriverParameter(s);
-    EXPECT_EQ(s, QStringLiteral("0,9600,8,EVEN,1,0,0,192.168.1.100,8000,kv_3000,MR_bit,LR_bit,CR_bit,R,B,T,C,"
-                                "DM_bit,TM_bit,CM_bit,EM_bit,FM_bit,DM,TM,CM,EM,FM,MR,LR,CR,W,ZF,TC,TS,CC,CS,Z,TRM"));
+    EXPECT_EQ(s, QStringLiteral(
+                     "0,9600,8,EVEN,1,0,0,192.168.1.100,8000,kv_3000,MR_bit,LR_bit,CR_bit,R,B,T,C,"
+                     "DM_bit,TM_bit,CM_bit,EM_bit,FM_bit,DM,TM,CM,EM,FM,MR,LR,CR,W,ZF,TC,TS,CC,CS,Z,TRM"));
     EXPECT_EQ(intf_getVersion(), QStringLiteral("2.0.0.0"));
     int type = 5;
     intf_getProtocolType(&type);

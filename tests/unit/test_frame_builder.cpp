@@ -246,7 +246,10 @@ TEST_F(FrameBuilder, WriteFramesByKind) {
         driver.frameList.clear();
         VARIABLE v = block(c.reg, c.address, c.length, c.data);
         getWriteFrame(v);
-        ASSERT_EQ(driver.frameList.size(), 1);
+        // Bit and timer/counter value frames carry one element: one frame per element.
+        const std::string r = c.reg;
+        const bool perElement = r == "R" || r == "B" || r == "TC" || r == "TS" || r == "CC" || r == "CS";
+        ASSERT_EQ(driver.frameList.size(), perElement ? c.length : 1);
         const FRAME_PRO& f = frame(0);
         EXPECT_EQ(bytesOf(f), hex(c.bytes));
         EXPECT_EQ(f.replyLength, c.replyLength);
@@ -259,6 +262,12 @@ TEST_F(FrameBuilder, WriteFramesByKind) {
         EXPECT_EQ(f.length, c.length);
         EXPECT_EQ(f.data[0], c.data[0]);
     }
+    // The second value of the TS block goes in its own frame, at the next address.
+    driver.frameList.clear();
+    VARIABLE ts = block("TS", 9, 2, {0x0F, 0x27, 0x00, 0x00, 0x11, 0x11, 0x11, 0x11});
+    getWriteFrame(ts);
+    ASSERT_EQ(driver.frameList.size(), 2);
+    EXPECT_EQ(bytesOf(frame(1)), hex("06 01 00 FF 0A 18 00 01 21 00 0A 11 11 11 11 6F 04"));
 }
 
 TEST_F(FrameBuilder, BitInWordWriteIsReadThenWrite) {

@@ -308,7 +308,8 @@ TEST_F(Receive, PollingReportsAChangeInTheController) {
     runLoop(plc, 4);
     std::vector<CallbackRecord> expected = {
         {1, 1, "DM", 100}, {1, 1, "R", 37}, {1, 1, "TC", 5}, {1, 1, "MR_bit", 165}};
-    for (const auto& e : expected) EXPECT_NE(std::find(calls().begin(), calls().end(), e), calls().end()) << e.name.toStdString();
+    for (const auto& e : expected)
+        EXPECT_NE(std::find(calls().begin(), calls().end(), e), calls().end()) << e.name.toStdString();
     unsigned char w[2], b, d[4], mb;
     intf_getData(1, QStringLiteral("DM"), 100, 1, w);
     intf_getData(1, QStringLiteral("R"), 37, 1, &b);

@@ -47,11 +47,11 @@ TEST_F(Registration, NeighboursMergeIntoOneBlockWithItsDebugLines) {
     EXPECT_EQ(v.reg, "DM");
     EXPECT_EQ(v.address, 100);
     EXPECT_EQ(v.length, 2);
-    EXPECT_EQ(capture.lines(), QStringList({"\"step:id=0,reg=DM,address=100,len=1\"",
-                                            "\"step:id=1,reg=DM,address=101,len=1\"",
-                                            "\"step0:id=0,reg=DM,address=100,len=1\"",
-                                            "\"step0:id=1,reg=DM,address=101,len=1\"",
-                                            "\"step3:id=0,std=1,reg=DM,address=100,len=2\""}));
+    EXPECT_EQ(
+        capture.lines(),
+        QStringList({"\"step:id=0,reg=DM,address=100,len=1\"", "\"step:id=1,reg=DM,address=101,len=1\"",
+                     "\"step0:id=0,reg=DM,address=100,len=1\"", "\"step0:id=1,reg=DM,address=101,len=1\"",
+                     "\"step3:id=0,std=1,reg=DM,address=100,len=2\""}));
     // Both units are monitored: a change of either is reported.
     unsigned char v2[4] = {1, 0, 2, 0};
     QString dm = QStringLiteral("DM");

@@ -62,7 +62,9 @@ protected:
     KvResponder plc;
 };
 
-QString label(const FRAME_PRO& f) { return f.reg + QString::number(f.address); }
+QString label(const FRAME_PRO& f) {
+    return f.reg + QString::number(f.address);
+}
 
 TEST_F(Scheduler, HandshakeFramesThenIdle) {
     const char* expected[5] = {"06", "0100ff020701f704", "06", "0100ff06200001060000d404", "06"};
@@ -70,7 +72,8 @@ TEST_F(Scheduler, HandshakeFramesThenIdle) {
     for (int i = 0; i < 5; ++i) {
         FRAME_PRO f;
         ASSERT_EQ(intf_getSendFrame(&f), 1);
-        EXPECT_EQ(QByteArray(reinterpret_cast<char*>(f.frame), f.sendLength).toHex(), QByteArray(expected[i])) << i;
+        EXPECT_EQ(QByteArray(reinterpret_cast<char*>(f.frame), f.sendLength).toHex(), QByteArray(expected[i]))
+            << i;
         EXPECT_EQ(f.replyLength, replies[i]);
         EXPECT_EQ(driver.state, 1);
         QByteArray reply = plc.answer(f);

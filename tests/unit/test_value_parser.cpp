@@ -62,9 +62,9 @@ TEST_F(Parser, RelayBitsTravelInWordsLowByteFirst) {
 
 TEST_F(Parser, TimerRecordsGiveContactCurrentAndSetValue) {
     std::vector<unsigned char> records = {
-        0x7F, 0, 0, 0, 1, 0, 0, 0, 2,                    // T0: contact off (other bits ignored)
+        0x7F, 0,    0,    0,    1,    0, 0, 0,    2,     // T0: contact off (other bits ignored)
         0x80, 0x00, 0x01, 0x86, 0xA0, 0, 0, 0x03, 0xE8,  // T1: on, current 100000, set 1000
-        0x80, 0, 0, 0, 0, 0, 0, 0, 0};
+        0x80, 0,    0,    0,    0,    0, 0, 0,    0};
     const QByteArray reply = readReply(records);
     analyzeFrameOfVal(reply, 3, 9, var("T", 0, 3));
     EXPECT_EQ(get("T", 0, 3, 3), (std::vector<unsigned char>{0, 1, 1}));
@@ -175,8 +175,8 @@ TEST_F(Parser, BitWritePatchChangesOnlyTheNamedBits) {
     const FRAME_PRO& write = driver.frameList[1];
     // 100: 0x8001 -> bit 14 set, bit 15 cleared = 0x4001; 101: 0x0F0F -> bit 0 cleared, bit 1 set = 0x0F0E.
     EXPECT_EQ(QByteArray(reinterpret_cast<const char*>(write.frame + 17), 4).toHex(), "40010f0e");
-    const unsigned char check = static_cast<unsigned char>(
-        computate_check(const_cast<unsigned char*>(write.frame) + 3, static_cast<unsigned short>(write.sendLength - 5)));
+    const unsigned char check = static_cast<unsigned char>(computate_check(
+        const_cast<unsigned char*>(write.frame) + 3, static_cast<unsigned short>(write.sendLength - 5)));
     EXPECT_EQ(write.frame[write.sendLength - 2], check);
     EXPECT_EQ(write.frame[write.sendLength - 1], 0x04);
     driver.frameList.clear();

@@ -24,7 +24,8 @@ protected:
     }
     static QString shape(const QList<VARIABLE>& list) {
         QStringList s;
-        for (const VARIABLE& v : list) s << QStringLiteral("%1(%2,%3)").arg(v.reg).arg(v.address).arg(v.length);
+        for (const VARIABLE& v : list)
+            s << QStringLiteral("%1(%2,%3)").arg(v.reg).arg(v.address).arg(v.length);
         return s.join(' ');
     }
 };

@@ -1,0 +1,99 @@
+// Recipe download and upload through the whole loop, for every kind of entry:
+// long word entries cut into several blocks, 32-bit values, relay bits and
+// bits inside words.
+#include "kv_responder.h"
+#include "runtime_fixture.h"
+
+namespace {
+
+class RecipeTransfer : public RuntimeFixture {
+protected:
+    void SetUp() override {
+        RuntimeFixture::SetUp();
+        runLoop(plc, 5);
+        entries.append(entry("DM", 1000, 300, 0));      // words 0..299: three blocks
+        entries.append(entry("TC", 7, 6, 300));         // three values: words 300..305
+        entries.append(entry("R", 35, 5, 306));         // one word per bit: 306..310
+        entries.append(entry("DM_bit", 1614, 4, 311));  // DM 100.14 .. 101.01: 311..314
+        ASSERT_EQ(intf_setRcpAddress(entries), 4);
+    }
+    static _RCP_VAR_PRO entry(const char* reg, int address, int length, int offset) {
+        _RCP_VAR_PRO e;
+        e.protocolId = 1;
+        e.station = 1;
+        e.reg = QString::fromLatin1(reg);
+        e.address = address;
+        e.length = length;
+        e.bufferOffset = offset;
+        return e;
+    }
+    // Runs the loop until the runtime's request byte is cleared.
+    void transfer(bool download) {
+        if (download)
+            requestRecipeWrite(true);
+        else
+            requestRecipeRead(true);
+        for (int i = 0; i < 100 && (download ? recipeWriteByte() : recipeReadByte()); ++i) runLoop(plc, 1);
+        ASSERT_EQ(download ? recipeWriteByte() : recipeReadByte(), 0);
+    }
+    QVector<_RCP_VAR_PRO> entries;
+    KvResponder plc;
+};
+
+TEST_F(RecipeTransfer, DownloadWritesEveryEntryAndNothingElse) {
+    for (int w = 0; w < 300; ++w) recipe[w] = static_cast<unsigned short>(w * 7 + 1);
+    recipe[300] = 0x5678;  // TC7 = 0x12345678, low half first
+    recipe[301] = 0x1234;
+    recipe[302] = 1;  // TC8 = 1
+    recipe[303] = 0;
+    recipe[304] = 0xFFFF;  // TC9 = 0xFFFFFFFF
+    recipe[305] = 0xFFFF;
+    const unsigned short relay[5] = {1, 0, 1, 1, 0};
+    for (int j = 0; j < 5; ++j) recipe[306 + j] = relay[j];
+    const unsigned short bits[4] = {1, 0, 0, 1};
+    for (int j = 0; j < 4; ++j) recipe[311 + j] = bits[j];
+    plc.setBit(0, 36, true);  // R 2.04 is named (0 in the recipe): cleared
+    plc.setBit(0, 40, true);  // R 2.08 is not named: kept
+    plc.setWord(6, 100, 0x8001);
+    plc.setWord(6, 101, 0x0F0F);
+    plc.setWord(6, 1300, 0xBEEF);  // just past the long entry
+
+    transfer(true);
+
+    for (int w = 0; w < 300; ++w) ASSERT_EQ(plc.word(6, 1000 + w), w * 7 + 1) << w;
+    EXPECT_EQ(plc.word(6, 1300), 0xBEEF);
+    EXPECT_EQ(plc.timer(2, 7).current, 0x12345678u);
+    EXPECT_EQ(plc.timer(2, 8).current, 1u);
+    EXPECT_EQ(plc.timer(2, 9).current, 0xFFFFFFFFu);
+    for (int j = 0; j < 5; ++j) EXPECT_EQ(plc.bit(0, 35 + j), relay[j] != 0) << j;
+    EXPECT_TRUE(plc.bit(0, 40));
+    EXPECT_EQ(plc.word(6, 100), 0x4001);  // bit 14 set, 15 cleared, others as they were
+    EXPECT_EQ(plc.word(6, 101), 0x0F0E);  // bit 0 cleared, bit 1 set
+}
+
+TEST_F(RecipeTransfer, UploadFillsTheBufferWhereTheRuntimeLooks) {
+    for (int w = 0; w < 300; ++w) plc.setWord(6, 1000 + w, static_cast<uint16_t>(0x4000 + w));
+    plc.timer(2, 7).current = 0xCAFEF00D;
+    plc.timer(2, 9).current = 77;
+    plc.setBit(0, 37, true);
+    plc.setWord(6, 100, 0x4000);  // 100.14 set, 100.15 clear
+    plc.setWord(6, 101, 0x0002);  // 101.00 clear, 101.01 set
+
+    transfer(false);
+
+    for (int w = 0; w < 300; ++w) ASSERT_EQ(recipe[w], 0x4000 + w) << w;
+    EXPECT_EQ(recipe[300], 0xF00D);
+    EXPECT_EQ(recipe[301], 0xCAFE);
+    EXPECT_EQ(recipe[304], 77);
+    EXPECT_EQ(recipe[305], 0);
+    const unsigned short relay[5] = {0, 0, 1, 0, 0};
+    for (int j = 0; j < 5; ++j) EXPECT_EQ(recipe[306 + j], relay[j]) << j;
+    const unsigned short bits[4] = {1, 0, 0, 1};
+    for (int j = 0; j < 4; ++j) EXPECT_EQ(recipe[311 + j], bits[j]) << j;
+    // Every buffer word filled is announced once.
+    int announced = 0;
+    for (const auto& c : calls()) announced += c.name == "RWI";
+    EXPECT_EQ(announced, 315);
+}
+
+}  // namespace
