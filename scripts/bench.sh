@@ -1,0 +1,142 @@
+#!/usr/bin/env bash
+# Builds the Release benchmarks and runs them all, then prints the medians
+# and the ratios that the goals are stated in.
+#   scripts/bench.sh                     everything (about 4 minutes)
+#   KV_BENCH_REPETITIONS=9 KV_BENCH_ROUNDS=9 KV_BENCH_SECONDS=3 scripts/bench.sh
+# Installs what is missing (as root or through sudo), libmodbus-dev included.
+# Results: build-release/bench-results/ (raw CSV and logs) and summary.txt.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ROOT=$PWD
+BUILD=${KV_BENCH_BUILD:-$ROOT/build-release}
+OUT=$BUILD/bench-results
+REPS=${KV_BENCH_REPETITIONS:-5}
+ROUNDS=${KV_BENCH_ROUNDS:-5}
+SECONDS_PER_RUN=${KV_BENCH_SECONDS:-2}
+JOBS=$(nproc 2>/dev/null || echo 2)
+[ "$JOBS" -gt 2 ] && JOBS=2
+
+PACKAGES=(cmake g++ make pkg-config qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev libmodbus-dev)
+
+install_missing() {
+    local missing=()
+    for p in "${PACKAGES[@]}"; do
+        dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "== installing: ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    $sudo apt-get update -qq || echo "warning: apt-get update failed; trying the current package lists" >&2
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+install_missing
+echo "== building Release in $BUILD"
+cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_BENCH=ON -DKV_BUILD_TESTS=OFF \
+      -DKV_BUILD_TOOLS=OFF >/dev/null
+cmake --build "$BUILD" -j "$JOBS"
+rm -rf "$OUT"
+mkdir -p "$OUT"
+B=$BUILD/bench
+
+# --- Google Benchmark programs: medians of REPS repetitions, CPU time ----------
+for prog in bench_transaction bench_registration bench_writes bench_data_area bench_address_merge; do
+    [ -x "$B/$prog" ] || continue
+    echo "== $prog"
+    "$B/$prog" --benchmark_repetitions="$REPS" --benchmark_report_aggregates_only=true \
+        --benchmark_out="$OUT/$prog.json" --benchmark_out_format=json 2>&1 | grep -E '_median|ERROR' || true
+    # One line per result: name, CPU time, unit.
+    awk -F'": ' '
+        /^ *"name":/ { gsub(/[",]/, "", $2); name = $2 }
+        /^ *"cpu_time":/ { gsub(/,/, "", $2); cpu = $2 }
+        /^ *"time_unit":/ { gsub(/[",]/, "", $2); print name, cpu, $2 }' "$OUT/$prog.json" >>"$OUT/medians.txt"
+done
+
+# median_of NAME: median CPU time of one benchmark, in its own unit ("12.3 us").
+median_of() {
+    awk -v want="$1_median" '$1 == want { printf "%.4g %s\n", $2, $3 }' "$OUT/medians.txt"
+}
+value_of() { median_of "$1" | awk '{print $1}'; }
+
+# --- End to end over loopback TCP ---------------------------------------------
+# start_server LOG CMD...: runs the server in the background, waits for its
+# "port N" line; sets SERVER_PID and PORT.
+start_server() {
+    local log=$1
+    shift
+    : >"$log"
+    "$@" >"$log" 2>&1 &
+    SERVER_PID=$!
+    for _ in $(seq 1 200); do
+        PORT=$(awk '/^port /{print $2; exit}' "$log")
+        [ -n "$PORT" ] && return 0
+        sleep 0.02
+    done
+    echo "server did not start: $*" >&2
+    kill "$SERVER_PID" 2>/dev/null || true
+    return 1
+}
+
+run_client() {  # NAME SERVER-CMD -- CLIENT-CMD (PORT substituted for @PORT@)
+    local name=$1
+    shift
+    local server=()
+    while [ "$1" != "--" ]; do server+=("$1"); shift; done
+    shift
+    start_server "$OUT/e2e_server_$name.log" "${server[@]}" || return 0
+    local args=()
+    for a in "$@"; do args+=("${a//@PORT@/$PORT}"); done
+    "${args[@]}" >>"$OUT/e2e_$name.txt" 2>>"$OUT/e2e_client_$name.log" || echo "$name client failed" >&2
+    wait "$SERVER_PID" 2>/dev/null || true
+}
+
+echo "== end to end: $ROUNDS rounds of $SECONDS_PER_RUN s per loop"
+for round in $(seq 1 "$ROUNDS"); do
+    run_client driver "$B/e2e_kvserver" -- "$B/e2e_kvloop" driver @PORT@ "$SECONDS_PER_RUN" "$BUILD/libkv_3000.so"
+    run_client replay "$B/e2e_kvserver" -- "$B/e2e_kvloop" replay @PORT@ "$SECONDS_PER_RUN"
+    run_client pingpong "$B/e2e_pingpong" server -- "$B/e2e_pingpong" client @PORT@ "$SECONDS_PER_RUN"
+    if [ -x "$B/e2e_modbus" ]; then
+        run_client modbus "$B/e2e_modbus" server -- "$B/e2e_modbus" client @PORT@ "$SECONDS_PER_RUN"
+    fi
+    echo "   round $round done"
+done
+if [ "$(grep -h '^request:' "$OUT"/e2e_client_driver.log "$OUT"/e2e_client_replay.log | sort -u | wc -l)" -ne 1 ]; then
+    echo "warning: the driver loop and the replay sent different request bytes" >&2
+fi
+
+e2e_median() {  # NAME -> median transactions per second
+    [ -s "$OUT/e2e_$1.txt" ] || { echo 0; return; }
+    awk '{print $2}' "$OUT/e2e_$1.txt" | sort -g | awk '{v[NR]=$1} END {print (NR%2) ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2}'
+}
+
+# --- Peak memory ----------------------------------------------------------------
+"$B/e2e_rss" 100000 >"$OUT/rss.txt"
+
+# --- Summary --------------------------------------------------------------------
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.3f", a / b; else print "n/a" }'; }
+DRV=$(e2e_median driver); REP=$(e2e_median replay); PP=$(e2e_median pingpong); MB=$(e2e_median modbus)
+T1=$(value_of BM_CyclicRead128/1000); T100=$(value_of BM_CyclicRead128/100000)
+{
+    echo "machine: $(nproc) cores, $(. /etc/os-release && echo "$PRETTY_NAME"), $(uname -r)"
+    echo "medians of $REPS repetitions (CPU time) and of $ROUNDS end-to-end rounds of $SECONDS_PER_RUN s"
+    echo
+    echo "1. cyclic 128-word transaction (getSendFrame + dealRcvFrame, 128 change reports)"
+    for n in 1000 10000 100000; do echo "   data area $n units: $(median_of BM_CyclicRead128/$n)"; done
+    echo "   ratio 100k / 1k: $(ratio "$T100" "$T1")   (goal <= 1.5; goal < 20 us)"
+    for n in 1000 10000 100000; do echo "   all $n units monitored, per block: $(median_of BM_CyclicReadAllMonitored/$n)"; done
+    echo "2. registration, intf_addrMerge of random keys"
+    for n in 1000 10000 100000; do
+        echo "   $n keys: debug lines dropped by a handler $(median_of BM_AddrMerge/$n), debug off $(median_of BM_AddrMergeDebugOff/$n)"
+    done
+    echo "   (goal < 200 ms for 100k)"
+    echo "3. writes"
+    echo "   intf_setData, one word, 500 pending: $(median_of BM_SetDataWith500Pending) (debug off $(median_of BM_SetDataWith500PendingDebugOff))"
+    echo "   intf_getSendFrame choice, full queues: $(median_of BM_SchedulerChoiceFullQueues)"
+    echo "4. end to end, loopback TCP, transactions per second"
+    echo "   driver loop: $DRV   replay without driver (a): $REP   raw ping-pong (b): $PP   libmodbus (c): $MB"
+    echo "   driver / (a): $(ratio "$DRV" "$REP")   (goal >= 0.95)"
+    echo "   driver / (b): $(ratio "$DRV" "$PP")   libmodbus / (b): $(ratio "$MB" "$PP")   (goal: driver higher)"
+    echo "5. peak memory, 100k monitored units (whole process)"
+    sed 's/^/   /' "$OUT/rss.txt"
+} | tee "$OUT/summary.txt"
