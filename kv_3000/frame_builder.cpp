@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <iterator>
 
@@ -89,15 +90,35 @@ void closeFrame(FRAME_PRO& f, int cmdLen) {
     f.sendLength = end + 2;
 }
 
-FRAME_PRO recordFor(const VARIABLE& var) {
-    FRAME_PRO f;
+void fillRecord(FRAME_PRO& f, const VARIABLE& var) {
     f.id = var.id;
     f.station = var.station;
     f.reg = var.reg;
     f.address = var.address;
     f.length = var.length;
-    std::copy(std::begin(var.data), std::end(var.data), std::begin(f.data));
+    std::memcpy(f.data, var.data, sizeof f.data);
+}
+
+FRAME_PRO recordFor(const VARIABLE& var) {
+    FRAME_PRO f;
+    fillRecord(f, var);
     return f;
+}
+
+// The "_bit" rule without the block's data bytes.
+struct Working {
+    QString reg;
+    int32_t address;
+    int32_t length;
+};
+
+Working workingOf(const VARIABLE& var) {
+    if (!endsInBit(var.reg)) return {var.reg, var.address, var.length};
+    // Words covering bits (address mod 16) .. (address mod 16) + length - 1;
+    // in 64 bits so that a huge length cannot wrap. No bits, no words.
+    const int64_t bits = int64_t(var.address % 16) + var.length;
+    return {var.reg.left(var.reg.indexOf(QLatin1Char('_'))), var.address / 16,
+            bits <= 0 ? 0 : static_cast<int32_t>((bits + 15) / 16)};
 }
 
 // 1E 01 00 area 00 00 n(2) start(4) values: one word-write frame of n units of
@@ -137,13 +158,10 @@ unsigned short computate_check(unsigned char* bytes, unsigned short count) {
 
 VARIABLE workingBlock(const VARIABLE& var) {
     VARIABLE w = var;
-    if (!endsInBit(var.reg)) return w;
-    w.reg = var.reg.left(var.reg.indexOf(QLatin1Char('_')));
-    w.address = var.address / 16;
-    // Words covering bits (address mod 16) .. (address mod 16) + length - 1;
-    // in 64 bits so that a huge length cannot wrap. No bits, no words.
-    const int64_t bits = int64_t(var.address % 16) + var.length;
-    w.length = bits <= 0 ? 0 : static_cast<int32_t>((bits + 15) / 16);
+    const Working working = workingOf(var);
+    w.reg = working.reg;
+    w.address = working.address;
+    w.length = working.length;
     return w;
 }
 
@@ -181,10 +199,10 @@ void handShakeFrame() {
 
 int getReadFrame(QList<VARIABLE> list) {
     if (list.isEmpty()) return 0;
-    VARIABLE var = list.first();
+    const VARIABLE& var = list.first();
     // Only catalogue names: "Z_bit" would otherwise pass as "Z" word reads.
     if (getIndexFromRegName(var.reg) < 0) return 0;
-    const VARIABLE w = workingBlock(var);
+    const Working w = workingOf(var);
     const int index = getIndexFromRegName(w.reg);
     if (index < 0) return 0;
     // Nothing to read, or an address the frame cannot carry.
@@ -204,16 +222,18 @@ int getReadFrame(QList<VARIABLE> list) {
     // The count field has 16 bits, the start field 32.
     if (start < 0 || count > 0xFFFF) return 0;
 
-    FRAME_PRO f;
+    // Built in place: a frame record is over 2 KiB.
+    static const FRAME_PRO blank;
+    driver.frameList.append(blank);
+    FRAME_PRO& f = driver.frameList.last();
+    fillRecord(f, var);
     if (kind == Kind::RelayBit) {
         // The block grows to the aligned start, so the reply's bits line up with it.
-        var.length = static_cast<int32_t>(w.address - start + w.length);
-        var.address = static_cast<int32_t>(start);
-        f = recordFor(var);
+        f.length = static_cast<int32_t>(w.address - start + w.length);
+        f.address = static_cast<int32_t>(start);
         f.replyLength = static_cast<int32_t>(2 * count + kvwire::READ_REPLY_OVERHEAD);
-        f.elementCount = var.length;
+        f.elementCount = f.length;
     } else {
-        f = recordFor(var);
         if (kind == Kind::Contact || kind == Kind::TimerValue) {
             f.replyLength = kvwire::TC_RECORD_LEN * w.length + kvwire::READ_REPLY_OVERHEAD;
         } else {
@@ -234,7 +254,6 @@ int getReadFrame(QList<VARIABLE> list) {
     put32(f.frame + 13, static_cast<uint32_t>(start));
     closeFrame(f, kvwire::READ_CMD_LEN);
     f.dataOffset = kvwire::READ_REPLY_HEADER;
-    driver.frameList.append(f);
     return 1;
 }
 

@@ -4,21 +4,55 @@
 
 #include <QLatin1String>
 
-int getIndexFromRegName(const QString& name) {
+namespace {
+
+// The numeric columns, converted once at compile time (they hold plain decimal digits).
+constexpr int decimal(const char* text) {
+    int v = 0;
+    for (; *text; ++text) v = v * 10 + (*text - '0');
+    return v;
+}
+
+struct NumericColumns {
+    int element[REG_COUNT] = {};
+    int transfer[REG_COUNT] = {};
+};
+
+constexpr NumericColumns numericColumns() {
+    NumericColumns c;
     for (int i = 0; i < REG_COUNT; ++i) {
-        if (name == QLatin1String(REG_LIST[i])) return i;
+        c.element[i] = decimal(ADDRESS_RANGE_PRO[i][REG_COL_ELEMENT]);
+        c.transfer[i] = decimal(ADDRESS_RANGE_PRO[i][REG_COL_TRANSFER]);
+    }
+    return c;
+}
+
+constexpr NumericColumns kColumns = numericColumns();
+
+}  // namespace
+
+// Called for every unit the data area touches: compares characters directly
+// instead of building a Latin-1 view of each catalogue name.
+int getIndexFromRegName(const QString& name) {
+    const int n = name.size();
+    const QChar* text = name.constData();
+    for (int i = 0; i < REG_COUNT; ++i) {
+        const char* entry = REG_LIST[i];
+        int k = 0;
+        while (k < n && entry[k] != '\0' && text[k].unicode() == static_cast<unsigned char>(entry[k])) ++k;
+        if (k == n && entry[k] == '\0') return i;
     }
     return -1;
 }
 
 int regElementBits(int index) {
     if (index < 0 || index >= REG_COUNT) return 0;
-    return QString::fromLatin1(ADDRESS_RANGE_PRO[index][REG_COL_ELEMENT]).toInt(nullptr, 10);
+    return kColumns.element[index];
 }
 
 int regTransferBits(int index) {
     if (index < 0 || index >= REG_COUNT) return 0;
-    return QString::fromLatin1(ADDRESS_RANGE_PRO[index][REG_COL_TRANSFER]).toInt(nullptr, 10);
+    return kColumns.transfer[index];
 }
 
 int intf_getRegListByType(int type, QList<QString>& names) {

@@ -3,6 +3,7 @@
 
 #include "kv3000_catalogue.h"
 #include "protocol.h"
+#include "serviceForProtocol/value_parser.h"
 
 #include <cstdint>
 #include <limits>
@@ -35,8 +36,7 @@ void rebuildDataIndex() {
 
 bool entryIs(int pos, int station, const QString& key, int address) {
     if (pos < 0 || pos >= driver.dataArea.size()) return false;
-    const _DATA_& e = driver.dataArea.at(pos);
-    return e.station == station && e.address == address && e.regKey == key;
+    return entryHasKey(driver.dataArea.at(pos), station, key, address);
 }
 
 int appendEntry(QList<_DATA_>& list, int station, const QString& key, int address) {
@@ -58,7 +58,9 @@ int indexedEntry(int station, int keyIndex, const QString& key, int address) {
         it = driver.dataIndex.find(k);
     }
     if (it != driver.dataIndex.end()) return it->second;
-    const int pos = appendEntry(driver.dataArea, station, key, address);
+    // Entries of one register share the catalogue's copy of its name, so
+    // that comparing keys mostly compares one pointer.
+    const int pos = appendEntry(driver.dataArea, station, catalogueKeyName(keyIndex), address);
     driver.dataIndex.emplace(k, pos);
     return pos;
 }
@@ -177,6 +179,7 @@ void saveBitsInWords(int station, const UnitRegister& r, int address, int len, c
 }  // namespace
 
 void clearDataArea() {
+    forgetReadBlockUnits();
     driver.dataArea.clear();
     driver.dataIndex.clear();
     unindexedEntries = 0;
@@ -191,13 +194,56 @@ QString regKeyOf(const QString& reg) {
     return cut < 0 ? reg : reg.left(cut);
 }
 
+namespace {
+
+// What every catalogue row resolves to, worked out once.
+struct RowUnit {
+    UnitKind kind = UNIT_NONE;
+    int keyIndex = -1;
+};
+
+struct CatalogueNames {
+    QString name[REG_COUNT];     // the catalogue's names
+    QString bitName[REG_COUNT];  // name + "_bit", as bit reports name a word's bits
+    RowUnit unit[REG_COUNT];
+    CatalogueNames() {
+        for (int i = 0; i < REG_COUNT; ++i) {
+            name[i] = QString::fromLatin1(REG_LIST[i]);
+            bitName[i] = name[i] + QLatin1String("_bit");
+        }
+        for (int i = 0; i < REG_COUNT; ++i) {
+            unit[i].kind = kindOfRow(i, name[i]);
+            unit[i].keyIndex = getIndexFromRegName(regKeyOf(name[i]));
+        }
+    }
+};
+
+const CatalogueNames& catalogueNames() {
+    static const CatalogueNames names;
+    return names;
+}
+
+}  // namespace
+
+const QString& catalogueKeyName(int keyIndex) {
+    return catalogueNames().name[keyIndex];
+}
+
+const QString& catalogueBitName(int keyIndex) {
+    return catalogueNames().bitName[keyIndex];
+}
+
 bool resolveUnitRegister(const QString& reg, UnitRegister& out) {
     out = UnitRegister();
-    out.kind = kindOfRow(getIndexFromRegName(reg), reg);
-    if (out.kind == UNIT_NONE) return false;
+    const int row = getIndexFromRegName(reg);
+    if (row < 0) return false;
+    const RowUnit& unit = catalogueNames().unit[row];
+    if (unit.kind == UNIT_NONE) return false;
+    out.kind = unit.kind;
     out.name = reg;
-    out.key = regKeyOf(reg);
-    out.keyIndex = getIndexFromRegName(out.key);
+    // A catalogue name's key ("DM" of "DM_bit") is itself a catalogue name.
+    out.keyIndex = unit.keyIndex;
+    out.key = unit.keyIndex >= 0 ? catalogueKeyName(unit.keyIndex) : regKeyOf(reg);
     return true;
 }
 
@@ -253,15 +299,26 @@ void write_saveDataToArea(int station, QString reg, int address, int len, unsign
 void _wordDataChange(int* oldValue, int* newValue, int index, int skipBits) {
     const _DATA_* e = dataAreaAt(index);
     if (!e || (e->monitorBits == 0 && (e->monitorFlags & 1u) == 0)) return;
+    wordDataChangeOf(oldValue, newValue, index, skipBits, getIndexFromRegName(e->regKey));
+}
+
+void wordDataChangeOf(const int* oldValue, const int* newValue, int index, int skipBits, int keyIndex) {
+    const _DATA_* e = dataAreaAt(index);
+    if (!e || (e->monitorBits == 0 && (e->monitorFlags & 1u) == 0)) return;
     // Copies: the callback may call back into the driver and change the list.
     const uint32_t monitorBits = e->monitorBits;
     const uint32_t monitorFlags = e->monitorFlags;
     const int station = e->station;
     const int address = e->address;
-    const QString key = e->regKey;
+    // The names handed to the runtime must outlive the entry: the catalogue's
+    // own strings do, any other key is copied.
+    const bool catalogueKey = keyIndex >= 0 && keyIndex < REG_COUNT;
+    const QString ownKey = catalogueKey ? QString() : e->regKey;
+    const QString& key = catalogueKey ? catalogueKeyName(keyIndex) : ownKey;
 
     if (skipBits == 0 && monitorBits != 0) {
-        const QString bitName = key + QLatin1String("_bit");
+        const QString ownBitName = catalogueKey ? QString() : key + QLatin1String("_bit");
+        const QString& bitName = catalogueKey ? catalogueBitName(keyIndex) : ownBitName;
         const bool everyBit = !oldValue || !newValue;
         const uint32_t changed =
             everyBit ? 0xFFFFu : static_cast<uint32_t>(*oldValue) ^ static_cast<uint32_t>(*newValue);
@@ -282,28 +339,30 @@ void _dwordDataChange(int* oldValue, int* newValue, int index, int skipBits) {
     (void)oldValue;
     (void)newValue;
     (void)skipBits;
-    const _DATA_* e = dataAreaAt(index);
-    if (!e || (e->monitorFlags & 1u) == 0) return;
-    const int station = e->station;
-    const int address = e->address;
-    const QString key = e->regKey;
-    reportValueChange(station, key, address);
+    reportUnitChange(index);
 }
 
 void _bitDataChange(int index) {
+    reportUnitChange(index);
+}
+
+void reportUnitChange(int index) {
     const _DATA_* e = dataAreaAt(index);
     if (!e || (e->monitorFlags & 1u) == 0) return;
     const int station = e->station;
     const int address = e->address;
+    const int keyIndex = getIndexFromRegName(e->regKey);
+    if (keyIndex >= 0) return reportValueChange(station, catalogueKeyName(keyIndex), address);
     const QString key = e->regKey;
     reportValueChange(station, key, address);
 }
 
+// Callers pass a name that outlives the call (a local or a catalogue name),
+// never one inside the data area, which the callback may empty.
 void reportValueChange(int station, const QString& name, int address) {
     const ValueChangeCallBack callback = driver.valueChangeCallBack;
     if (!callback) return;
-    const QString copy = name;
-    callback(driver.protocolId, station, copy, address);
+    callback(driver.protocolId, station, name, address);
 }
 
 int _setBitValue(int value, int bit, int on) {

@@ -25,7 +25,15 @@ void _wordDataChange(int* oldValue, int* newValue, int index, int skipBits);
 void _dwordDataChange(int* oldValue, int* newValue, int index, int skipBits);
 void _bitDataChange(int index);
 // Calls the runtime's change callback, if one is registered, with driver.protocolId.
+// name must outlive the call and must not be an entry's own regKey.
 void reportValueChange(int station, const QString& name, int address);
+// _wordDataChange for an entry whose key is catalogue row keyIndex (-1: unknown).
+void wordDataChangeOf(const int* oldValue, const int* newValue, int index, int skipBits, int keyIndex);
+// The whole-unit report of _dwordDataChange and _bitDataChange.
+void reportUnitChange(int index);
+// The catalogue's names as shared strings, and name + "_bit" (0 <= keyIndex < 28).
+const QString& catalogueKeyName(int keyIndex);
+const QString& catalogueBitName(int keyIndex);
 
 int _setBitValue(int value, int bit, int on);
 int uchar2int16(unsigned char b0, unsigned char b1);
@@ -53,6 +61,12 @@ inline const unsigned char* shownValue(const _DATA_& e) {
 // Entry at index of driver.dataArea, or null once the list no longer holds it
 // (a change callback may re-initialise the driver).
 _DATA_* dataAreaAt(int index);
+// The entry is the unit (station, key, address). Keys of one register mostly
+// share one string, so this is usually a few integer compares.
+inline bool entryHasKey(const _DATA_& e, int station, const QString& key, int address) {
+    return e.station == station && e.address == address && e.regKey.size() == key.size() &&
+           (e.regKey.constData() == key.constData() || e.regKey == key);
+}
 // True when address .. address+count-1 stays inside int32 (count >= 1).
 bool unitRangeFits(int address, long long count);
 

@@ -50,16 +50,10 @@ QString getErrorInfo(QByteArray) {
 
 int dealReadFrameReturnSaveData(QByteArray reply) {
     const FRAME_PRO& head = driver.frameList.first();
-    VARIABLE var;
-    var.id = head.id;
-    var.station = head.station;
-    var.reg = head.reg;
-    var.address = head.address;
-    var.length = head.length;
-    std::memcpy(var.data, head.data, sizeof var.data);
-    const int count = head.elementCount;
-    const int offset = head.dataOffset;
-    analyzeFrameOfVal(reply, count, offset, var);
+    // The head's fields are copied, but not its 1024 data bytes: only the
+    // bit-write patch reads them, before anything can change the list.
+    const ParsedBlock var{head.station, head.reg, head.address, head.length, head.data};
+    parseReadReply(reply, head.elementCount, head.dataOffset, var);
     return 0;
 }
 

@@ -2,6 +2,7 @@
 // and rebuilds the cyclic read list from the merged keys.
 #include "protocol.h"
 #include "serviceForProtocol/address_merge.h"
+#include "serviceForProtocol/value_parser.h"
 #include "serviceForProtocol/write_result.h"
 
 #include <QDebug>
@@ -30,6 +31,7 @@ int intf_addrMerge(QList<KEY_ADDRESS>& keys) {
 
     driver.readList.clear();
     ++driver.readListEpoch;
+    forgetReadBlockUnits();
     if (keys.isEmpty()) return 0;
 
     addrMerge(copy, 1);

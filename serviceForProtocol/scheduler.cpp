@@ -7,6 +7,7 @@
 #include "kv_3000/frame_builder.h"
 #include "protocol.h"
 #include "serviceForProtocol/recipe.h"
+#include "serviceForProtocol/record_copy.h"
 #include "serviceForProtocol/write_result.h"
 
 #include <QMutexLocker>
@@ -18,15 +19,23 @@ namespace {
 // The request bytes are read and cleared under the runtime's mutex. The
 // accesses themselves are atomic as well, so that a thread checker, which
 // cannot see inside the runtime's mutex implementation, sees them ordered.
-unsigned char readShareByte(int position) {
-    if (!driver.shareMemory) return 0;
+// Both request bytes, read under one lock of the runtime's mutex.
+void readRequestBytes(unsigned char& w, unsigned char& r) {
+    w = r = 0;
+    if (!driver.shareMemory) return;
     QMutexLocker lock(driver.shareMutex);
-    return __atomic_load_n(driver.shareMemory + position, __ATOMIC_ACQUIRE);
+    w = __atomic_load_n(driver.shareMemory + kvwire::SHM_RECIPE_WRITE, __ATOMIC_ACQUIRE);
+    r = __atomic_load_n(driver.shareMemory + kvwire::SHM_RECIPE_READ, __ATOMIC_ACQUIRE);
 }
 
 int buildRead() {
-    driver.currentReadList.clear();
-    driver.currentReadList.append(driver.currentVar);
+    // The one-item list keeps its item from one read to the next.
+    if (driver.currentReadList.size() == 1) {
+        assignRecord(driver.currentReadList[0], driver.currentVar);
+    } else {
+        driver.currentReadList.clear();
+        driver.currentReadList.append(driver.currentVar);
+    }
     return getReadFrame(driver.currentReadList);
 }
 
@@ -35,7 +44,7 @@ bool sameItem(const VARIABLE& a, const VARIABLE& b) {
 }
 
 int copyHead(FRAME_PRO* out) {
-    *out = driver.frameList.first();
+    assignRecord(*out, driver.frameList.first());
     return 1;
 }
 
@@ -65,8 +74,8 @@ int intf_getSendFrame(FRAME_PRO* out) {
     // made again; unframeable cyclic blocks are rotated past, at most once each.
     int unframeableBlocks = 0;
     for (;;) {
-        const unsigned char w = readShareByte(kvwire::SHM_RECIPE_WRITE);
-        const unsigned char r = readShareByte(kvwire::SHM_RECIPE_READ);
+        unsigned char w, r;
+        readRequestBytes(w, r);
         const int blocks = driver.rcpBlockList.size();
 
         if (driver.handShakeFlag) {
@@ -102,7 +111,7 @@ int intf_getSendFrame(FRAME_PRO* out) {
         if (driver.sendCount <= 9) {
             std::lock_guard<std::mutex> lock(driver.mutex);
             if (!driver.writeList.isEmpty()) {
-                driver.currentVar = driver.writeList.first();
+                assignRecord(driver.currentVar, driver.writeList.first());
                 haveWrite = true;
             }
         }
@@ -127,7 +136,7 @@ int intf_getSendFrame(FRAME_PRO* out) {
         }
 
         if (!driver.conditionReadList.isEmpty() && driver.sendCount <= 2) {
-            driver.currentVar = driver.conditionReadList.first();
+            assignRecord(driver.currentVar, driver.conditionReadList.first());
             driver.state = 3;
             driver.readFrameCount = buildRead();
             if (!driver.frameList.isEmpty()) {
@@ -141,7 +150,7 @@ int intf_getSendFrame(FRAME_PRO* out) {
         }
 
         if (!driver.readList.isEmpty() && unframeableBlocks < driver.readList.size()) {
-            driver.currentVar = driver.readList.first();
+            assignRecord(driver.currentVar, driver.readList.first());
             driver.state = 4;
             driver.sendCount = 0;
             buildRead();

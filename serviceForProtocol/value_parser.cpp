@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -97,8 +98,11 @@ bool unitAddress(long long base, long long i, int& out) {
 
 // Bit write into words: the words just read get the requested bits, and go
 // into the waiting write frame high byte first, with a renewed check byte.
-void patchBitWrite(const Reply& d, int count, const VARIABLE& var) {
+void patchBitWrite(const Reply& d, int count, const ParsedBlock& var) {
     if (driver.frameList.size() < 2 || var.address < 0 || count <= 0) return;
+    // The requested bits, taken before the list is touched: var.data may lie in its head.
+    const int n = std::min<int>(var.length, KV_BUFFER_SIZE);
+    std::vector<unsigned char> bits(var.data, var.data + std::max(0, n));
     FRAME_PRO& write = driver.frameList[1];
     const int at = write.dataOffset;
     if (at < 0 || write.sendLength < 5 || write.sendLength > KV_BUFFER_SIZE) return;
@@ -110,12 +114,11 @@ void patchBitWrite(const Reply& d, int count, const VARIABLE& var) {
         words[2 * w + 1] = d[2 * w];
     }
     const int first = var.address % 16;
-    const int n = std::min<int>(var.length, KV_BUFFER_SIZE);
     for (int j = 0; j < n; ++j) {
         const long long q = first + j;
         if (q / 8 >= static_cast<long long>(words.size())) break;
         const unsigned char mask = static_cast<unsigned char>(1u << (q % 8));
-        if (var.data[j])
+        if (bits[j])
             words[q / 8] |= mask;
         else
             words[q / 8] &= static_cast<unsigned char>(~mask);
@@ -128,9 +131,84 @@ void patchBitWrite(const Reply& d, int count, const VARIABLE& var) {
         computate_check(write.frame + 3, static_cast<unsigned short>(write.sendLength - 5)));
 }
 
+// A cyclic read block, by what its reply covers.
+struct BlockKey {
+    int32_t station;
+    int32_t row;
+    long long base;
+    int32_t count;
+    bool operator==(const BlockKey& o) const {
+        return station == o.station && row == o.row && base == o.base && count == o.count;
+    }
+};
+struct BlockKeyHash {
+    size_t operator()(const BlockKey& k) const noexcept {
+        uint64_t h = static_cast<uint64_t>(k.base) * 0x9E3779B97F4A7C15ull;
+        h ^= (uint64_t(uint32_t(k.station)) << 32 | uint32_t(k.row) << 8) + uint32_t(k.count);
+        return static_cast<size_t>(h ^ (h >> 31));
+    }
+};
+
+std::unordered_map<BlockKey, std::vector<int>, BlockKeyHash> blockUnits;
+// Bumped when blockUnits is emptied, so a parse that a change report
+// interrupted stops using a position list that went away.
+uint64_t blockUnitsGeneration = 0;
+
+// The data-area positions of a reply's units. A cyclic read block keeps the
+// list from one reply to the next; each position is checked against its
+// unit before use (entries are never removed one by one, so a position stays
+// right until the data area is emptied) and looked up again when it fails.
+class BlockUnits {
+public:
+    BlockUnits(int station, int row, int keyIndex, long long base, int count)
+        : station_(station), key_(catalogueKeyName(keyIndex)) {
+        unit_.kind = UNIT_WORD;
+        unit_.key = key_;
+        unit_.keyIndex = keyIndex;
+        if (driver.state != 4) return;
+        list_ = &blockUnits[BlockKey{station, row, base, count}];
+        generation_ = blockUnitsGeneration;
+        if (list_->capacity() < size_t(count)) list_->reserve(size_t(count));
+    }
+    int at(int i, int address) {
+        if (list_ && generation_ != blockUnitsGeneration) list_ = nullptr;
+        if (list_ && size_t(i) < list_->size()) {
+            const int pos = (*list_)[size_t(i)];
+            if (pos >= 0 && pos < driver.dataArea.size() &&
+                entryHasKey(driver.dataArea.at(pos), station_, key_, address))
+                return pos;
+        }
+        const int pos = dataAreaEntry(station_, unit_, address);
+        if (list_) {
+            if (size_t(i) < list_->size())
+                (*list_)[size_t(i)] = pos;
+            else if (size_t(i) == list_->size())
+                list_->push_back(pos);
+        }
+        return pos;
+    }
+
+private:
+    int station_;
+    const QString& key_;
+    UnitRegister unit_;
+    std::vector<int>* list_ = nullptr;
+    uint64_t generation_ = 0;
+};
+
 }  // namespace
 
+void forgetReadBlockUnits() {
+    blockUnits.clear();
+    ++blockUnitsGeneration;
+}
+
 int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
+    return parseReadReply(reply, count, offset,
+                          ParsedBlock{var.station, var.reg, var.address, var.length, var.data});
+}
+
+int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedBlock& var) {
     const int index = getIndexFromRegName(var.reg);
     if (index < 0 || count <= 0) return 0;
     const Reply d{reinterpret_cast<const unsigned char*>(reply.constData()), reply.size(), offset};
@@ -142,15 +220,16 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
 
     if (transfer == 1) {
         const bool contacts = var.reg == QLatin1String("T") || var.reg == QLatin1String("C");
+        BlockUnits units(station, index, index, var.address, count);
         for (int i = 0; i < count; ++i) {
             int address;
             if (!unitAddress(var.address, i, address)) break;
             const unsigned char bit =
                 contacts ? (d[9LL * i] >> 7) & 1 : (d[(i % 16) < 8 ? i / 8 + 1 : i / 8 - 1] >> (i % 8)) & 1;
-            const int at = getIndexOfDataArea(station, var.reg, address, driver.dataArea);
+            const int at = units.at(i, address);
             if (driver.dataArea[at].readValue[0] != bit) {
                 driver.dataArea[at].writeValid = 0;
-                _bitDataChange(at);
+                reportUnitChange(at);
                 if (interrupted()) return 0;
             }
             driver.dataArea[at].readValue[0] = bit;
@@ -170,7 +249,9 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
         return 0;
     }
 
-    const QString key = regKeyOf(var.reg);
+    UnitRegister unit;
+    resolveUnitRegister(var.reg, unit);
+    const int keyIndex = unit.keyIndex;
     const bool bitName = var.reg.contains(QLatin1String("_bit"));
 
     if (transfer == 16) {
@@ -181,20 +262,22 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
         // A "_bit" block (recipe) carries a bit address: its words start at address / 16.
         if (bitName && var.address < 0) return 0;
         const long long base = bitName ? var.address / 16 : var.address;
+        BlockUnits units(station, index, keyIndex, base, count);
         for (int i = 0; i < count; ++i) {
             int address;
             if (!unitAddress(base, i, address)) break;
-            const int at = getIndexOfDataArea(station, key, address, driver.dataArea);
-            int fresh = d[2LL * i] * 256 + d[2LL * i + 1];
-            _DATA_& entry = driver.dataArea[at];
-            int old = entry.readValue[0] + entry.readValue[1] * 256;
+            const int at = units.at(i, address);
+            const int fresh = d[2LL * i] * 256 + d[2LL * i + 1];
+            _DATA_* entry = &driver.dataArea[at];
+            const int old = entry->readValue[0] + entry->readValue[1] * 256;
             if (fresh != old) {
-                if (writeViewMayDrop(entry)) entry.writeValid = 0;
-                _wordDataChange(&old, &fresh, at, 0);
+                if (writeViewMayDrop(*entry)) entry->writeValid = 0;
+                wordDataChangeOf(&old, &fresh, at, 0, keyIndex);
                 if (interrupted()) return 0;
+                entry = &driver.dataArea[at];
             }
-            driver.dataArea[at].readValue[0] = d[2LL * i + 1];
-            driver.dataArea[at].readValue[1] = d[2LL * i];
+            entry->readValue[0] = d[2LL * i + 1];
+            entry->readValue[1] = d[2LL * i];
         }
         for (int k = recipe.first; k < recipe.last; ++k) {
             const _RCP_VAR_PRO e = driver.rcpVarList.at(k);
@@ -225,17 +308,19 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
         const long long p = current ? 9 * i + 1 : set ? 9 * i + 5 : 4 * i;
         return (uint32_t(d[p]) << 24) | (uint32_t(d[p + 1]) << 16) | (uint32_t(d[p + 2]) << 8) | d[p + 3];
     };
+    BlockUnits units(station, index, keyIndex, var.address, count);
     for (int i = 0; i < count; ++i) {
         int address;
         if (!unitAddress(var.address, i, address)) break;
-        const int at = getIndexOfDataArea(station, key, address, driver.dataArea);
+        const int at = units.at(i, address);
         const uint32_t v = valueAt(i);
         _DATA_& entry = driver.dataArea[at];
-        int fresh = static_cast<int>(v);
-        int old = uchar2int32(entry.readValue[0], entry.readValue[1], entry.readValue[2], entry.readValue[3]);
+        const int fresh = static_cast<int>(v);
+        const int old =
+            uchar2int32(entry.readValue[0], entry.readValue[1], entry.readValue[2], entry.readValue[3]);
         if (fresh != old) {
             if (writeViewMayDrop(entry)) entry.writeValid = 0;
-            _dwordDataChange(&old, &fresh, at, 0);
+            reportUnitChange(at);
             if (interrupted()) return 0;
         }
         for (int b = 0; b < 4; ++b)
