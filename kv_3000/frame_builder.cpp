@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <initializer_list>
 #include <iterator>
 
 namespace {
@@ -30,18 +29,37 @@ enum class Kind {
     None,
 };
 
-bool isOneOf(const QString& reg, std::initializer_list<const char*> names) {
-    for (const char* n : names) {
-        if (reg == QLatin1String(n)) return true;
-    }
-    return false;
+constexpr bool rowIs(int index, const char* name) {
+    const char* entry = REG_LIST[index];
+    int k = 0;
+    while (entry[k] != '\0' && entry[k] == name[k]) ++k;
+    return entry[k] == name[k];
 }
+static_assert(rowIs(3, "R") && rowIs(4, "B") && rowIs(5, "T") && rowIs(6, "C"), "catalogue rows");
+static_assert(rowIs(17, "MR") && rowIs(18, "LR") && rowIs(19, "CR"), "catalogue rows");
+static_assert(rowIs(22, "TC") && rowIs(23, "TS") && rowIs(24, "CC") && rowIs(25, "CS"), "catalogue rows");
 
-Kind kindOf(const QString& reg, int index) {
-    if (isOneOf(reg, {"R", "B"})) return Kind::RelayBit;
-    if (isOneOf(reg, {"T", "C"})) return Kind::Contact;
-    if (isOneOf(reg, {"MR", "LR", "CR"})) return Kind::RelayWord;
-    if (isOneOf(reg, {"TC", "TS", "CC", "CS"})) return Kind::TimerValue;
+// By catalogue row: index is the row of the working register's name.
+Kind kindOf(int index) {
+    switch (index) {
+        case 3:  // R
+        case 4:  // B
+            return Kind::RelayBit;
+        case 5:  // T
+        case 6:  // C
+            return Kind::Contact;
+        case 17:  // MR
+        case 18:  // LR
+        case 19:  // CR
+            return Kind::RelayWord;
+        case 22:  // TC
+        case 23:  // TS
+        case 24:  // CC
+        case 25:  // CS
+            return Kind::TimerValue;
+        default:
+            break;
+    }
     switch (regTransferBits(index)) {
         case 16:
             return Kind::Word;
@@ -207,7 +225,7 @@ int getReadFrame(QList<VARIABLE> list) {
     if (index < 0) return 0;
     // Nothing to read, or an address the frame cannot carry.
     if (var.length <= 0 || w.length <= 0 || var.address < 0) return 0;
-    const Kind kind = kindOf(w.reg, index);
+    const Kind kind = kindOf(index);
     if (kind == Kind::None) return 0;
 
     int64_t start;
@@ -265,7 +283,7 @@ void getWriteFrame(VARIABLE& var) {
     const VARIABLE w = workingBlock(var);
     const int index = getIndexFromRegName(w.reg);
     if (index < 0) return;
-    const Kind kind = kindOf(w.reg, index);
+    const Kind kind = kindOf(index);
 
     // Contacts are read-only on the device.
     if (kind == Kind::Contact || kind == Kind::None) return;

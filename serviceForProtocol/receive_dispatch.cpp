@@ -35,17 +35,66 @@ void settle(const Settlement& s, int result) {
 
 }  // namespace
 
+namespace {
+
+// The text of the last frame described: a cyclic read block is described
+// again every time it comes round.
+struct DescribedFrame {
+    bool valid = false;
+    int32_t station = 0;
+    QString reg;
+    int32_t address = 0;
+    int32_t length = 0;
+    QString text;
+};
+DescribedFrame lastDescribed;
+
+void appendNumber(QString& text, long long v) {
+    char digits[24];
+    int n = 0;
+    const bool negative = v < 0;
+    unsigned long long u =
+        negative ? 0ull - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+    do {
+        digits[n++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (negative) text.append(QLatin1Char('-'));
+    while (n > 0) text.append(QLatin1Char(digits[--n]));
+}
+
+}  // namespace
+
 QString getErrorInfo(QByteArray) {
     const FRAME_PRO& head = driver.frameList.first();
     if (driver.handShakeFlag && head.replyLength != 0) return QStringLiteral("connection failed");
+    DescribedFrame& last = lastDescribed;
+    if (last.valid && last.station == head.station && last.address == head.address &&
+        last.length == head.length && last.reg == head.reg)
+        return last.text;
+    // "%1#%2(%3)" with the address as "%1%2.%3" (word.bit) or "%1%2".
     QString text;
+    text.reserve(head.reg.size() + 32);
+    appendNumber(text, head.station);
+    text.append(QLatin1Char('#'));
+    text.append(head.reg);
     if (head.reg.endsWith(QLatin1String("_bit")) || head.reg == QLatin1String("R")) {
-        text = QStringLiteral("%1%2.%3").arg(head.reg, QString::number(head.address / 16),
-                                             QString::number(head.address % 16));
+        appendNumber(text, head.address / 16);
+        text.append(QLatin1Char('.'));
+        appendNumber(text, head.address % 16);
     } else {
-        text = QStringLiteral("%1%2").arg(head.reg, QString::number(head.address));
+        appendNumber(text, head.address);
     }
-    return QStringLiteral("%1#%2(%3)").arg(QString::number(head.station), text, QString::number(head.length));
+    text.append(QLatin1Char('('));
+    appendNumber(text, head.length);
+    text.append(QLatin1Char(')'));
+    last.valid = true;
+    last.station = head.station;
+    last.reg = head.reg;
+    last.address = head.address;
+    last.length = head.length;
+    last.text = text;
+    return text;
 }
 
 int dealReadFrameReturnSaveData(QByteArray reply) {

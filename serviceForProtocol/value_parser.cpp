@@ -263,21 +263,36 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
         if (bitName && var.address < 0) return 0;
         const long long base = bitName ? var.address / 16 : var.address;
         BlockUnits units(station, index, keyIndex, base, count);
+        const QString& keyName = catalogueKeyName(keyIndex);
+        // The whole field is there (the response check saw to it): read it directly.
+        const unsigned char* field = offset >= 0 && offset + 2LL * count <= reply.size()
+                                         ? reinterpret_cast<const unsigned char*>(reply.constData()) + offset
+                                         : nullptr;
         for (int i = 0; i < count; ++i) {
             int address;
             if (!unitAddress(base, i, address)) break;
             const int at = units.at(i, address);
-            const int fresh = d[2LL * i] * 256 + d[2LL * i + 1];
+            const unsigned char high = field ? field[2 * i] : d[2LL * i];
+            const unsigned char low = field ? field[2 * i + 1] : d[2LL * i + 1];
+            const int fresh = high * 256 + low;
             _DATA_* entry = &driver.dataArea[at];
             const int old = entry->readValue[0] + entry->readValue[1] * 256;
             if (fresh != old) {
                 if (writeViewMayDrop(*entry)) entry->writeValid = 0;
-                wordDataChangeOf(&old, &fresh, at, 0, keyIndex);
-                if (interrupted()) return 0;
-                entry = &driver.dataArea[at];
+                bool reported = true;
+                if (entry->monitorBits != 0)
+                    wordDataChangeOf(&old, &fresh, at, 0, keyIndex);
+                else if (entry->monitorFlags & 1u)
+                    reportValueChange(entry->station, keyName, entry->address);
+                else
+                    reported = false;
+                if (reported) {  // the runtime may have called back in
+                    if (interrupted()) return 0;
+                    entry = &driver.dataArea[at];
+                }
             }
-            entry->readValue[0] = d[2LL * i + 1];
-            entry->readValue[1] = d[2LL * i];
+            entry->readValue[0] = low;
+            entry->readValue[1] = high;
         }
         for (int k = recipe.first; k < recipe.last; ++k) {
             const _RCP_VAR_PRO e = driver.rcpVarList.at(k);
