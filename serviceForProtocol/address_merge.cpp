@@ -201,8 +201,9 @@ bool debugLinesWanted() {
 
 }  // namespace
 
-void addrMerge(QList<KEY_ADDRESS>& keys, int mode) {
-    if (keys.isEmpty()) return;
+QList<MergedBlock> mergedBlocks(const QList<KEY_ADDRESS>& keys, int mode) {
+    QList<MergedBlock> merged;
+    if (keys.isEmpty()) return merged;
     const bool recipe = mode == 2;
     const std::vector<RowInfo> rows = rowTable(recipe);
     const int count = keys.size();
@@ -227,9 +228,18 @@ void addrMerge(QList<KEY_ADDRESS>& keys, int mode) {
             const Span& s = spans[i];
             const QString& name =
                 s.row >= 0 && rows[s.row].splitsToWords ? rows[s.row].wordName : keys.at(i).reg;
-            qDebug() << QStringLiteral("step0:id=%1,reg=%2,address=%3,len=%4")
-                            .arg(QString::number(i), name, QString::number(s.address),
-                                 QString::number(s.length));
+            // "step0:id=%1,reg=%2,address=%3,len=%4", filled in one pass.
+            QString line;
+            line.reserve(name.size() + 48);
+            line.append(QLatin1String("step0:id="));
+            line.append(QString::number(i));
+            line.append(QLatin1String(",reg="));
+            line.append(name);
+            line.append(QLatin1String(",address="));
+            line.append(QString::number(s.address));
+            line.append(QLatin1String(",len="));
+            line.append(QString::number(s.length));
+            qDebug() << line;
         }
     }
 
@@ -253,15 +263,29 @@ void addrMerge(QList<KEY_ADDRESS>& keys, int mode) {
     pass.finish();
     if (!recipe) blocks = gapPass(blocks);
 
-    QList<KEY_ADDRESS> merged;
     merged.reserve(int(blocks.size()));
     for (const Span& b : blocks) {
+        const KEY_ADDRESS& key = keys.at(b.source);
+        const QString& reg =
+            !recipe && b.row >= 0 && rows[b.row].splitsToWords ? rows[b.row].wordName : key.reg;
+        merged.append(MergedBlock{b.source, reg, clampToInt(b.address), clampToInt(b.length),
+                                  recipe ? clampToInt(b.recipeOffset) : key.recipeOffset});
+    }
+    return merged;
+}
+
+void addrMerge(QList<KEY_ADDRESS>& keys, int mode) {
+    if (keys.isEmpty()) return;
+    const QList<MergedBlock> blocks = mergedBlocks(keys, mode);
+    QList<KEY_ADDRESS> merged;
+    merged.reserve(blocks.size());
+    for (const MergedBlock& b : blocks) {
         merged.append(keys.at(b.source));
         KEY_ADDRESS& out = merged.last();
-        if (!recipe && b.row >= 0 && rows[b.row].splitsToWords) out.reg = rows[b.row].wordName;
-        out.address = clampToInt(b.address);
-        out.length = clampToInt(b.length);
-        if (recipe) out.recipeOffset = clampToInt(b.recipeOffset);
+        out.reg = b.reg;
+        out.address = b.address;
+        out.length = b.length;
+        out.recipeOffset = b.recipeOffset;
     }
     keys.swap(merged);
 }

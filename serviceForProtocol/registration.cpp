@@ -6,6 +6,22 @@
 #include "serviceForProtocol/write_result.h"
 
 #include <QDebug>
+#include <QLoggingCategory>
+
+namespace {
+
+bool debugLinesWanted() {
+    // Qt drops disabled debug lines anyway; this only saves formatting them.
+    const QLoggingCategory* category = QLoggingCategory::defaultCategory();
+    return category == nullptr || category->isDebugEnabled();
+}
+
+void appendField(QString& line, const char* name, int value) {
+    line.append(QLatin1String(name));
+    line.append(QString::number(value));
+}
+
+}  // namespace
 
 int intf_addrMerge(QList<KEY_ADDRESS>& keys) {
     std::lock_guard<std::recursive_mutex> serial(driver.serial);
@@ -17,16 +33,21 @@ int intf_addrMerge(QList<KEY_ADDRESS>& keys) {
         entry.monitorBits = 0;
     }
 
-    QList<KEY_ADDRESS> copy;
-    copy.reserve(keys.size());
+    // The keys are merged where they lie; the runtime's list is only read.
+    const bool debug = debugLinesWanted();
     for (int i = 0; i < keys.size(); ++i) {
         const KEY_ADDRESS& key = keys.at(i);
         _setDataAreaMonitorFlag(key.station, key.reg, key.address, key.length);
-        copy.append(key);
-        // One-pass substitution, so a "%" in a register name cannot capture a later argument.
-        qDebug() << QStringLiteral("step:id=%1,reg=%2,address=%3,len=%4")
-                        .arg(QString::number(i), key.reg, QString::number(key.address),
-                             QString::number(key.length));
+        if (!debug) continue;
+        // "step:id=%1,reg=%2,address=%3,len=%4", filled in one pass.
+        QString line;
+        line.reserve(key.reg.size() + 48);
+        appendField(line, "step:id=", i);
+        line.append(QLatin1String(",reg="));
+        line.append(key.reg);
+        appendField(line, ",address=", key.address);
+        appendField(line, ",len=", key.length);
+        qDebug() << line;
     }
 
     driver.readList.clear();
@@ -34,22 +55,31 @@ int intf_addrMerge(QList<KEY_ADDRESS>& keys) {
     forgetReadBlockUnits();
     if (keys.isEmpty()) return 0;
 
-    addrMerge(copy, 1);
-    driver.readList.reserve(copy.size());
-    for (const KEY_ADDRESS& block : qAsConst(copy)) {
-        VARIABLE v;
+    const QList<MergedBlock> blocks = mergedBlocks(keys, 1);
+    driver.readList.reserve(blocks.size());
+    static const VARIABLE blank;
+    for (const MergedBlock& block : blocks) {
+        driver.readList.append(blank);
+        VARIABLE& v = driver.readList.last();
         v.id = 4;
-        v.station = block.station;
+        v.station = keys.at(block.source).station;
         v.reg = block.reg;
         v.address = block.address;
         v.length = block.length;
-        driver.readList.append(v);
     }
-    for (int i = 0; i < driver.readList.size(); ++i) {
-        const VARIABLE& v = driver.readList.at(i);
-        qDebug() << QStringLiteral("step3:id=%1,std=%2,reg=%3,address=%4,len=%5")
-                        .arg(QString::number(i), QString::number(v.station), v.reg,
-                             QString::number(v.address), QString::number(v.length));
+    if (debug) {
+        for (int i = 0; i < driver.readList.size(); ++i) {
+            const VARIABLE& v = driver.readList.at(i);
+            QString line;
+            line.reserve(v.reg.size() + 56);
+            appendField(line, "step3:id=", i);
+            appendField(line, ",std=", v.station);
+            line.append(QLatin1String(",reg="));
+            line.append(v.reg);
+            appendField(line, ",address=", v.address);
+            appendField(line, ",len=", v.length);
+            qDebug() << line;
+        }
     }
     return driver.readList.size();
 }

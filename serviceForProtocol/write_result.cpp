@@ -121,9 +121,14 @@ int _setDataAreaMonitorFlag(int station, QString reg, int address, int len) {
             break;
         case UNIT_BIT_IN_WORD:
             if (len > DATA_MAX_BITS || address < 0 || !unitRangeFits(address, len)) break;
-            for (int i = 0; i < len; ++i) {
+            // Bits of one word share its entry: looked up once per word.
+            for (int i = 0, word = -1, idx = -1; i < len; ++i) {
                 const int b = address + i;
-                _DATA_* e = dataAreaAt(dataAreaEntry(station, r, b / 16));
+                if (b / 16 != word) {
+                    word = b / 16;
+                    idx = dataAreaEntry(station, r, word);
+                }
+                _DATA_* e = dataAreaAt(idx);
                 e->monitorBits = static_cast<uint32_t>(_setBitValue(int(e->monitorBits), b % 16, 1));
             }
             break;
