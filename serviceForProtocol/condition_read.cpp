@@ -2,6 +2,7 @@
 // is announced to the runtime through the change callback.
 #include "kv3000_catalogue.h"
 #include "protocol.h"
+#include "serviceForProtocol/record_copy.h"
 #include "serviceForProtocol/scheduler.h"
 
 #include <QDebug>
@@ -18,15 +19,16 @@ void queueConditionRead(const VARIABLE& v) {
     // The head may be the read being served: it is never compared or overwritten.
     for (int i = list.size() - 1; i >= 1; --i) {
         const VARIABLE& p = list.at(i);
-        if (p.station == v.station && p.reg == v.reg && p.address == v.address && p.length == v.length) {
-            list[i] = v;
+        // The numbers first: the name is compared only for a likely match.
+        if (p.station == v.station && p.address == v.address && p.length == v.length && p.reg == v.reg) {
+            assignRecord(list[i], v);
             return;
         }
     }
     if (list.size() < MAX_QUEUED)
         list.append(v);
     else
-        list[MAX_QUEUED - 1] = v;
+        assignRecord(list[MAX_QUEUED - 1], v);
 }
 
 void refuse(const KEY_ADDRESS& key, const char* why) {

@@ -6,9 +6,11 @@
 #include "kv3000_wire.h"
 #include "protocol.h"
 #include "serviceForProtocol/data_area.h"
+#include "serviceForProtocol/record_copy.h"
 #include "serviceForProtocol/write_result.h"
 
 #include <QDebug>
+#include <QLoggingCategory>
 
 #include <algorithm>
 #include <climits>
@@ -30,9 +32,10 @@ bool queueWrite(const VARIABLE& item, VARIABLE& lost) {
     // The head is on the wire: never compared or overwritten.
     for (int i = list.size() - 1; i >= 1; --i) {
         const VARIABLE& p = list.at(i);
-        if (p.station == item.station && p.reg == item.reg && p.address == item.address &&
-            p.length == item.length) {
-            list[i] = item;
+        // The numbers first: the name is compared only for a likely match.
+        if (p.station == item.station && p.address == item.address && p.length == item.length &&
+            p.reg == item.reg) {
+            assignRecord(list[i], item);
             return false;
         }
     }
@@ -40,8 +43,8 @@ bool queueWrite(const VARIABLE& item, VARIABLE& lost) {
         list.append(item);
         return false;
     }
-    lost = list.at(MAX_QUEUED - 1);
-    list[MAX_QUEUED - 1] = item;
+    assignRecord(lost, list.at(MAX_QUEUED - 1));
+    assignRecord(list[MAX_QUEUED - 1], item);
     return true;
 }
 
@@ -121,6 +124,9 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
 
     const bool readOnly = reg == QLatin1String("T") || reg == QLatin1String("C");
     if (!driver.localWriteOnly && !readOnly) {
+        // Qt would drop disabled debug lines anyway; this saves formatting them.
+        const QLoggingCategory* category = QLoggingCategory::defaultCategory();
+        const bool debug = category == nullptr || category->isDebugEnabled();
         int limit = elementBits == 1 ? driver.maxBitBlockLength : driver.maxBlockLength;
         if (limit <= 0) {
             refuse(station, reg, address, length, "block length parameter is 0");
@@ -148,8 +154,9 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
                 item.address = address + i;
                 item.length = 1;
                 item.data[0] = data[i];
-                qDebug() << "addVarToList" << item.station << item.reg << item.address << item.length
-                         << transfer / 8;
+                if (debug)
+                    qDebug() << "addVarToList" << item.station << item.reg << item.address << item.length
+                             << transfer / 8;
                 queueAndReport(item);
             }
         } else {
@@ -166,7 +173,8 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
                     elementBits == 1 ? piece.length : static_cast<int>(piece.length * (16.0 / transfer));
                 reduced += piece.length - item.length;
                 std::memcpy(item.data, piece.values, sizeof item.data);
-                qDebug() << "addVarToList" << item.station << item.reg << item.address << item.length;
+                if (debug)
+                    qDebug() << "addVarToList" << item.station << item.reg << item.address << item.length;
                 queueAndReport(item);
             }
         }
