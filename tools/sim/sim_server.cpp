@@ -141,13 +141,16 @@ bool Simulator::startTcp(const std::string& host, uint16_t port, std::string* er
         if (error) *error = why;
         return false;
     };
+    if (host.empty()) return fail("no address to listen on");
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    // Numeric addresses only (and "localhost"): starting never waits on a name service.
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV | AI_NUMERICHOST;
     addrinfo* list = nullptr;
     const std::string service = std::to_string(port);
-    const int rc = getaddrinfo(host.empty() ? nullptr : host.c_str(), service.c_str(), &hints, &list);
+    const std::string numeric = host == "localhost" ? "127.0.0.1" : host;
+    const int rc = getaddrinfo(numeric.c_str(), service.c_str(), &hints, &list);
     if (rc != 0 || !list) return fail("cannot resolve '" + host + "': " + gai_strerror(rc));
     std::string why = "no address";
     int fd = -1;
@@ -159,7 +162,8 @@ bool Simulator::startTcp(const std::string& host, uint16_t port, std::string* er
         }
         const int one = 1;
         setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        if (::bind(fd, ai->ai_addr, ai->ai_addrlen) == 0 && ::listen(fd, 16) == 0 && setNonBlocking(fd))
+        if (::bind(fd, ai->ai_addr, ai->ai_addrlen) == 0 && ::listen(fd, SOMAXCONN) == 0 &&
+            setNonBlocking(fd))
             break;
         why = std::strerror(errno);
         ::close(fd);
