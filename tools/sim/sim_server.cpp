@@ -27,6 +27,7 @@ using Clock = std::chrono::steady_clock;
 enum SourceKind { LISTENER = 0, TCP_CLIENT = 1, PTY = 2 };
 
 constexpr auto kLivePeriod = std::chrono::milliseconds(100);
+constexpr double kPi = 3.14159265358979323846;
 constexpr size_t kMaxQueuedBytes = 1 << 20;  // a pty nobody reads must not grow without bound
 constexpr int kReadsPerWakeup = 16;          // so that one chatty client cannot starve the others
 
@@ -252,7 +253,7 @@ void Simulator::liveStep() {
     auto& dm = memory_.words(Store::DM);
     dm[0] = static_cast<uint16_t>(dm[0] + 1);
     dm[1] = static_cast<uint16_t>(
-        std::lround(500.0 + 500.0 * std::sin(2.0 * M_PI * static_cast<double>(t % 100) / 100.0)));
+        std::lround(500.0 + 500.0 * std::sin(2.0 * kPi * static_cast<double>(t % 100) / 100.0)));
     // T0 runs up to its set value of 5 s in 100 ms steps, keeps its contact
     // closed for one second, then starts again.
     TimerRecord& t0 = memory_.timers(Store::T)[0];
