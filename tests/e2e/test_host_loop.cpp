@@ -115,6 +115,17 @@ TEST_F(LoopTest, SendsTheFrameAndHandsBackExactlyTheExpectedReply) {
     EXPECT_FALSE(exchanges[0].timedOut);
 }
 
+TEST_F(LoopTest, RepliesLongerThanARequestBufferArriveWhole) {
+    // 128 timer records: 9 x 128 + 11 bytes.
+    ScriptedDriver::frames.push_back(frame({0x06}, 1163));
+    link.answers.push_back({reply(1163), 1 * kMs, false});
+    CommLoop loop = makeLoop();
+    loop.step();
+    ASSERT_EQ(ScriptedDriver::replies.size(), 1u);
+    EXPECT_EQ(ScriptedDriver::replies[0].size(), 1163);
+    EXPECT_EQ(exchanges[0].result, 1);
+}
+
 TEST_F(LoopTest, ReplyTimeoutPassesWhatArrivedAndCountsARetry) {
     ScriptedDriver::frames.push_back(frame({0x06}, 17));
     link.answers.push_back({{0x06, 0x01, 0x00}, 1 * kMs, false});

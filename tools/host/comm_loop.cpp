@@ -10,8 +10,8 @@ namespace {
 // between steps stays responsive during a long backoff.
 constexpr Micros kMaxWaitPerStep = 100000;
 
-int clampLength(int n) {
-    return std::max(0, std::min<int>(n, KV_BUFFER_SIZE));
+int clampLength(int n, int limit) {
+    return std::max(0, std::min(n, limit));
 }
 
 }  // namespace
@@ -96,8 +96,8 @@ CommLoop::Step CommLoop::step() {
 
     Exchange ex;
     ex.frame = &frame_;
-    const int sendLength = clampLength(frame_.sendLength);
-    ex.expected = clampLength(frame_.replyLength);
+    const int sendLength = clampLength(frame_.sendLength, KV_BUFFER_SIZE);
+    ex.expected = clampLength(frame_.replyLength, kReplyBufferSize);
 
     std::string why;
     int got = 0;

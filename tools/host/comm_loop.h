@@ -91,7 +91,9 @@ private:
     std::function<void(LinkEvent, const std::string&)> linkHandler_;
 
     FRAME_PRO frame_;
-    uint8_t buffer_[KV_BUFFER_SIZE] = {};
+    // Replies can be longer than a request: 128 timer records are 1163 bytes.
+    static constexpr int kReplyBufferSize = 4096;
+    uint8_t buffer_[kReplyBufferSize] = {};
     Micros backoff_ = 0;
     Micros nextConnectAt_ = 0;
     Micros downSince_ = 0;

@@ -60,15 +60,15 @@ bool parseDriverMessage(const QString& message, FrameName& out) {
     return true;
 }
 
-KEY_ADDRESS conditionKey(const Address& a) {
-    if (a.reg->kind != RegKind::Bit) return keyFor(a, a.count);
+KEY_ADDRESS conditionKey(const Address& a, int count) {
+    if (a.reg->kind != RegKind::Bit) return keyFor(a, count);
     // The driver reads 16 bits (R, B) or 16 contacts (T, C) for every one
     // asked: ask for a sixteenth, and start early enough that the range
     // read stays inside the register.
-    const int words = (a.count + 15) / 16;
+    const int words = (count + 15) / 16;
     const int covered = 16 * words;
     const int last = a.reg->maxAddress;
-    KEY_ADDRESS key = keyFor(a, a.count);
+    KEY_ADDRESS key = keyFor(a, count);
     key.length = words;
     if (a.address + covered - 1 > last) key.address = std::max(a.reg->minAddress, last - covered + 1);
     return key;
@@ -78,7 +78,7 @@ ReadResult readAddress(Session& session, const Address& address) {
     ReadResult r;
     const int id = session.newRequestId();
     session.resetConditionRead();
-    session.api().addConditionRead(conditionKey(address), id);
+    session.api().addConditionRead(conditionKey(address, address.count), id);
     r.run = session.runUntil([&] { return session.conditionReadEnded() || session.outcome(id).failed; });
     if (r.run != Session::RunResult::Done) {
         r.message = runFailure(session, r.run);
@@ -128,7 +128,7 @@ std::vector<WriteResult> writeAll(Session& session, const std::vector<WriteReque
         // so its end means every write of the batch has left the queue.
         const int barrier = session.newRequestId();
         session.resetConditionRead();
-        session.api().addConditionRead(keyFor(requests[begin].address, 1), barrier);
+        session.api().addConditionRead(conditionKey(requests[begin].address, 1), barrier);
         const Session::RunResult r =
             session.runUntil([&] { return session.conditionReadEnded() || session.outcome(barrier).failed; });
         for (size_t k = begin; k < next; ++k) {
