@@ -5,6 +5,8 @@
 #include <QFile>
 #include <QStringList>
 
+#include <algorithm>
+
 namespace kvhost {
 
 namespace {
@@ -22,9 +24,14 @@ QString sizeText(RegKind k) {
     return QString();
 }
 
+// "1,2,3"; one value for all units prints once; a long list is shortened.
 QString valuesText(const std::vector<uint32_t>& values) {
+    if (values.size() > 1 &&
+        std::all_of(values.begin(), values.end(), [&](uint32_t v) { return v == values[0]; }))
+        return QStringLiteral("%1 (each)").arg(values[0]);
     QStringList parts;
-    for (uint32_t v : values) parts << QString::number(v);
+    for (size_t i = 0; i < values.size() && i < 8; ++i) parts << QString::number(values[i]);
+    if (values.size() > 8) parts << QStringLiteral("... (%1 values)").arg(values.size());
     return parts.join(QLatin1Char(','));
 }
 

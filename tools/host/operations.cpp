@@ -101,53 +101,76 @@ ReadResult readAddress(Session& session, const Address& address) {
 
 std::vector<WriteResult> writeAll(Session& session, const std::vector<WriteRequest>& requests,
                                   Session::RunResult* run) {
+    // Requests are cut into chunks of at most a batch: a bit register
+    // becomes one queue item per bit.
+    struct Chunk {
+        size_t request;
+        int offset;
+        int count;
+        int id = 0;
+    };
+    std::vector<Chunk> chunks;
+    for (size_t r = 0; r < requests.size(); ++r)
+        for (int off = 0; off < requests[r].address.count; off += kUnitsPerBatch)
+            chunks.push_back({r, off, std::min(kUnitsPerBatch, requests[r].address.count - off)});
+
     std::vector<WriteResult> results(requests.size());
-    std::vector<int> ids(requests.size(), 0);
     *run = Session::RunResult::Done;
     size_t next = 0;
-    while (next < requests.size()) {
+    while (next < chunks.size()) {
         const size_t begin = next;
         int units = 0;
-        while (next < requests.size() &&
-               (next == begin || units + requests[next].address.count <= kUnitsPerBatch)) {
-            units += requests[next].address.count;
-            ++next;
-        }
+        while (next < chunks.size() && units + chunks[next].count <= kUnitsPerBatch)
+            units += chunks[next++].count;
         for (size_t k = begin; k < next; ++k) {
-            const WriteRequest& w = requests[k];
-            std::vector<unsigned char> buffer(static_cast<size_t>(w.address.bufferBytes()), 0);
-            for (int i = 0; i < w.address.count && i < static_cast<int>(w.values.size()); ++i)
-                storeValue(*w.address.reg, w.values[static_cast<size_t>(i)],
-                           buffer.data() + i * w.address.reg->unitBytes());
-            ids[k] = session.newRequestId();
-            QString name = w.address.reg->name;
-            session.api().setData(1, &name, w.address.address, w.address.runtimeLength(), buffer.data(),
-                                  ids[k]);
+            Chunk& c = chunks[k];
+            const WriteRequest& w = requests[c.request];
+            const RegisterInfo& reg = *w.address.reg;
+            std::vector<unsigned char> buffer(static_cast<size_t>(c.count * reg.unitBytes()), 0);
+            for (int i = 0; i < c.count; ++i)
+                storeValue(reg, w.values[static_cast<size_t>(c.offset + i)],
+                           buffer.data() + i * reg.unitBytes());
+            c.id = session.newRequestId();
+            QString name = reg.name;
+            session.api().setData(1, &name, w.address.address + c.offset, c.count * reg.unitLength(),
+                                  buffer.data(), c.id);
         }
         // The scheduler serves a condition read only while no write waits,
         // so its end means every write of the batch has left the queue.
         const int barrier = session.newRequestId();
         session.resetConditionRead();
-        session.api().addConditionRead(conditionKey(requests[begin].address, 1), barrier);
+        session.api().addConditionRead(conditionKey(requests[chunks[begin].request].address, 1), barrier);
         const Session::RunResult r =
             session.runUntil([&] { return session.conditionReadEnded() || session.outcome(barrier).failed; });
         for (size_t k = begin; k < next; ++k) {
-            const RequestOutcome& o = session.outcome(ids[k]);
-            WriteResult& res = results[k];
+            const RequestOutcome& o = session.outcome(chunks[k].id);
+            WriteResult& res = results[chunks[k].request];
+            const bool failedBefore = res.confirmed && !res.ok;
             if (o.failed) {
+                if (!failedBefore) res.message = o.message;
+                res.ok = false;
                 res.confirmed = true;
-                res.message = o.message;
-            } else if (r == Session::RunResult::Done) {
+            } else if (r != Session::RunResult::Done) {
+                if (!failedBefore) {
+                    res.ok = false;
+                    res.confirmed = false;
+                    res.message = QStringLiteral("not confirmed: ") + runFailure(session, r);
+                }
+            } else if (!failedBefore && (res.ok || res.message.isEmpty())) {
                 res.ok = true;
                 res.confirmed = true;
-            } else {
-                res.message = QStringLiteral("not confirmed: ") + runFailure(session, r);
             }
         }
         if (r != Session::RunResult::Done) {
             *run = r;
-            for (size_t k = next; k < requests.size(); ++k)
-                results[k].message = QStringLiteral("not sent: ") + runFailure(session, r);
+            for (size_t k = next; k < chunks.size(); ++k) {
+                WriteResult& res = results[chunks[k].request];
+                if (res.confirmed && !res.ok) continue;
+                res.ok = false;
+                res.confirmed = false;
+                if (res.message.isEmpty())
+                    res.message = QStringLiteral("not sent: ") + runFailure(session, r);
+            }
             break;
         }
     }
