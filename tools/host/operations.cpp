@@ -60,6 +60,8 @@ bool parseDriverMessage(const QString& message, FrameName& out) {
     return true;
 }
 
+namespace {
+
 KEY_ADDRESS conditionKey(const Address& a, int count) {
     if (a.reg->kind != RegKind::Bit) return keyFor(a, count);
     // The driver reads 16 bits (R, B) or 16 contacts (T, C) for every one
@@ -73,6 +75,8 @@ KEY_ADDRESS conditionKey(const Address& a, int count) {
     if (a.address + covered - 1 > last) key.address = std::max(a.reg->minAddress, last - covered + 1);
     return key;
 }
+
+}  // namespace
 
 ReadResult readAddress(Session& session, const Address& address) {
     ReadResult r;
