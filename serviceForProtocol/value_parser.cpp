@@ -213,6 +213,8 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
     if (index < 0 || count <= 0) return 0;
     const Reply d{reinterpret_cast<const unsigned char*>(reply.constData()), reply.size(), offset};
     const RecipeRange recipe = recipeRange();
+    // A copy: the change callback may register another recipe under us.
+    const QVector<_RCP_VAR_PRO> recipeEntries = driver.rcpVarList;
     const int transfer = regTransferBits(index);
     const int station = var.station;
     const uint32_t epoch = driver.initEpoch;
@@ -236,7 +238,7 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
         }
         // Bit-register recipe entries: one buffer word per bit.
         for (int k = recipe.first; k < recipe.last; ++k) {
-            const _RCP_VAR_PRO e = driver.rcpVarList.at(k);
+            const _RCP_VAR_PRO e = recipeEntries.at(k);
             const Span span = elementsWithin(e.address, e.length, var.address, var.address + 0LL + count);
             for (long long j = span.begin; j < span.end; ++j) {
                 const long long element = static_cast<long long>(e.address) + j - var.address;
@@ -295,7 +297,7 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
             entry->readValue[1] = high;
         }
         for (int k = recipe.first; k < recipe.last; ++k) {
-            const _RCP_VAR_PRO e = driver.rcpVarList.at(k);
+            const _RCP_VAR_PRO e = recipeEntries.at(k);
             const Span span = bitName ? elementsWithin(e.address, e.length, base * 16, (base + count) * 16)
                                       : elementsWithin(e.address, e.length, base, base + count);
             for (long long j = span.begin; j < span.end; ++j) {
@@ -343,7 +345,7 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
     }
     // Every value of a 32-bit entry: length / 2 values (at least one), two buffer words each.
     for (int k = recipe.first; k < recipe.last; ++k) {
-        const _RCP_VAR_PRO e = driver.rcpVarList.at(k);
+        const _RCP_VAR_PRO e = recipeEntries.at(k);
         const long long values = std::max(1, e.length / 2);
         const Span span = elementsWithin(e.address, values, var.address, var.address + 0LL + count);
         for (long long j = span.begin; j < span.end; ++j) {

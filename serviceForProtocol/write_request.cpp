@@ -123,6 +123,7 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
     }
 
     const bool readOnly = reg == QLatin1String("T") || reg == QLatin1String("C");
+    const uint32_t epoch = driver.initEpoch;
     if (!driver.localWriteOnly && !readOnly) {
         // Qt would drop disabled debug lines anyway; this saves formatting them.
         const QLoggingCategory* category = QLoggingCategory::defaultCategory();
@@ -158,6 +159,7 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
                     qDebug() << "addVarToList" << item.station << item.reg << item.address << item.length
                              << transfer / 8;
                 queueAndReport(item);
+                if (driver.initEpoch != epoch) return 1;  // re-initialised from the callback
             }
         } else {
             QList<KEY_ADDRESS> pieces;
@@ -176,11 +178,13 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
                 if (debug)
                     qDebug() << "addVarToList" << item.station << item.reg << item.address << item.length;
                 queueAndReport(item);
+                if (driver.initEpoch != epoch) return 1;  // re-initialised from the callback
             }
         }
     }
 
     write_saveDataToArea(station, reg, address, length, data);
+    if (driver.initEpoch != epoch) return 1;
     if (readOnly && !driver.localWriteOnly) {
         // The controller's contacts cannot be written: the value just shown
         // is withdrawn at once, and the screen is told.
