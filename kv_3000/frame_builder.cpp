@@ -219,9 +219,10 @@ int getReadFrame(QList<VARIABLE> list) {
     if (list.isEmpty()) return 0;
     const VARIABLE& var = list.first();
     // Only catalogue names: "Z_bit" would otherwise pass as "Z" word reads.
-    if (getIndexFromRegName(var.reg) < 0) return 0;
+    const int nameIndex = getIndexFromRegName(var.reg);
+    if (nameIndex < 0) return 0;
     const Working w = workingOf(var);
-    const int index = getIndexFromRegName(w.reg);
+    const int index = w.reg.size() == var.reg.size() ? nameIndex : getIndexFromRegName(w.reg);
     if (index < 0) return 0;
     // Nothing to read, or an address the frame cannot carry.
     if (var.length <= 0 || w.length <= 0 || var.address < 0) return 0;

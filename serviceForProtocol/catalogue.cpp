@@ -29,14 +29,35 @@ constexpr NumericColumns numericColumns() {
 
 constexpr NumericColumns kColumns = numericColumns();
 
+// The rows by the first letter of their names, in catalogue order (at most 7 share one).
+struct FirstLetters {
+    signed char rows[128][8] = {};
+    int count[128] = {};
+};
+
+constexpr FirstLetters firstLetters() {
+    FirstLetters f;
+    for (int i = 0; i < REG_COUNT; ++i) {
+        const int c = static_cast<unsigned char>(REG_LIST[i][0]) & 0x7F;
+        f.rows[c][f.count[c]++] = static_cast<signed char>(i);
+    }
+    return f;
+}
+
+constexpr FirstLetters kFirstLetters = firstLetters();
+
 }  // namespace
 
-// Called for every unit the data area touches: compares characters directly
-// instead of building a Latin-1 view of each catalogue name.
+// Called for every block and unit the driver handles: only the rows that
+// share the name's first letter are compared, character by character.
 int getIndexFromRegName(const QString& name) {
     const int n = name.size();
+    if (n == 0) return -1;
     const QChar* text = name.constData();
-    for (int i = 0; i < REG_COUNT; ++i) {
+    const unsigned first = text[0].unicode();
+    if (first >= 128) return -1;
+    for (int r = 0; r < kFirstLetters.count[first]; ++r) {
+        const int i = kFirstLetters.rows[first][r];
         const char* entry = REG_LIST[i];
         int k = 0;
         while (k < n && entry[k] != '\0' && text[k].unicode() == static_cast<unsigned char>(entry[k])) ++k;

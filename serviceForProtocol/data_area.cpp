@@ -219,6 +219,7 @@ namespace {
 struct RowUnit {
     UnitKind kind = UNIT_NONE;
     int keyIndex = -1;
+    bool bitView = false;  // the name contains "_bit"
 };
 
 struct CatalogueNames {
@@ -233,6 +234,7 @@ struct CatalogueNames {
         for (int i = 0; i < REG_COUNT; ++i) {
             unit[i].kind = kindOfRow(i, name[i]);
             unit[i].keyIndex = getIndexFromRegName(regKeyOf(name[i]));
+            unit[i].bitView = name[i].contains(QLatin1String("_bit"));
         }
     }
 };
@@ -250,6 +252,14 @@ const QString& catalogueKeyName(int keyIndex) {
 
 const QString& catalogueBitName(int keyIndex) {
     return catalogueNames().bitName[keyIndex];
+}
+
+int catalogueKeyIndex(int row) {
+    return row >= 0 && row < REG_COUNT ? catalogueNames().unit[row].keyIndex : -1;
+}
+
+bool catalogueBitView(int row) {
+    return row >= 0 && row < REG_COUNT && catalogueNames().unit[row].bitView;
 }
 
 bool resolveUnitRegister(const QString& reg, UnitRegister& out) {

@@ -34,6 +34,10 @@ void reportUnitChange(int index);
 // The catalogue's names as shared strings, and name + "_bit" (0 <= keyIndex < 28).
 const QString& catalogueKeyName(int keyIndex);
 const QString& catalogueBitName(int keyIndex);
+// Row of the key of catalogue row `row` ("DM" for "DM_bit"), -1 outside the table.
+int catalogueKeyIndex(int row);
+// Whether the name of catalogue row `row` contains "_bit".
+bool catalogueBitView(int row);
 
 int _setBitValue(int value, int bit, int on);
 int uchar2int16(unsigned char b0, unsigned char b1);

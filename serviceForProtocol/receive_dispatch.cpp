@@ -2,6 +2,7 @@
 // frame on the wire, parses values, settles writes, retries or abandons, and
 // books the end of each transaction.
 #include "serviceForProtocol/receive_dispatch.h"
+#include "serviceForProtocol/record_copy.h"
 
 #include "kv_3000/response_check.h"
 #include "protocol.h"
@@ -145,12 +146,13 @@ void dealListWhenFinish() {
 
 int intf_dealRcvFrame(QByteArray* reply, QString* message) {
     std::lock_guard<std::recursive_mutex> serial(driver.serial);
-    if (message) *message = QString();
-    if (driver.frameList.isEmpty()) return 0;
+    if (driver.frameList.isEmpty()) {
+        if (message) *message = QString();
+        return 0;
+    }
 
     const QByteArray bytes = reply ? *reply : QByteArray();
-    const QString text = getErrorInfo(bytes);
-    if (message) *message = text;
+    if (message) assignName(*message, getErrorInfo(bytes));
 
     // Anything below may call the runtime back; a re-initialisation from
     // there empties the lists under us, and this transaction is then over.

@@ -6,13 +6,21 @@
 
 #include "kv3000_records.h"
 
+#include <QString>
+
 #include <cstring>
+
+// to = from, skipped when to already holds from's very characters: a frame
+// or block handed on again and again keeps its name.
+inline void assignName(QString& to, const QString& from) {
+    if (to.constData() != from.constData() || to.size() != from.size()) to = from;
+}
 
 inline void assignRecord(VARIABLE& to, const VARIABLE& from) {
     if (&to == &from) return;
     to.id = from.id;
     to.station = from.station;
-    to.reg = from.reg;
+    assignName(to.reg, from.reg);
     to.address = from.address;
     to.length = from.length;
     std::memcpy(to.data, from.data, sizeof to.data);
@@ -28,7 +36,7 @@ inline void assignRecord(FRAME_PRO& to, const FRAME_PRO& from) {
     to.reserved = from.reserved;
     to.id = from.id;
     to.station = from.station;
-    to.reg = from.reg;
+    assignName(to.reg, from.reg);
     to.address = from.address;
     to.length = from.length;
     std::memcpy(to.data, from.data, sizeof to.data);

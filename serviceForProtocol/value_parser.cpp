@@ -25,6 +25,18 @@
 
 namespace {
 
+// Catalogue rows the layouts depend on (the name equals the row's name).
+enum { ROW_T = 5, ROW_C = 6, ROW_TC = 22, ROW_TS = 23, ROW_CC = 24, ROW_CS = 25 };
+constexpr bool rowIs(int index, const char* name) {
+    const char* entry = REG_LIST[index];
+    int k = 0;
+    while (entry[k] != '\0' && entry[k] == name[k]) ++k;
+    return entry[k] == name[k];
+}
+static_assert(rowIs(ROW_T, "T") && rowIs(ROW_C, "C") && rowIs(ROW_TC, "TC") && rowIs(ROW_TS, "TS") &&
+                  rowIs(ROW_CC, "CC") && rowIs(ROW_CS, "CS"),
+              "catalogue rows");
+
 struct Reply {
     const unsigned char* bytes;
     long long size;
@@ -161,10 +173,7 @@ uint64_t blockUnitsGeneration = 0;
 class BlockUnits {
 public:
     BlockUnits(int station, int row, int keyIndex, long long base, int count)
-        : station_(station), key_(catalogueKeyName(keyIndex)) {
-        unit_.kind = UNIT_WORD;
-        unit_.key = key_;
-        unit_.keyIndex = keyIndex;
+        : station_(station), keyIndex_(keyIndex), key_(catalogueKeyName(keyIndex)) {
         if (driver.state != 4) return;
         list_ = &blockUnits[BlockKey{station, row, base, count}];
         generation_ = blockUnitsGeneration;
@@ -178,7 +187,11 @@ public:
                 entryHasKey(driver.dataArea.at(pos), station_, key_, address))
                 return pos;
         }
-        const int pos = dataAreaEntry(station_, unit_, address);
+        UnitRegister unit;
+        unit.kind = UNIT_WORD;
+        unit.key = key_;
+        unit.keyIndex = keyIndex_;
+        const int pos = dataAreaEntry(station_, unit, address);
         if (list_) {
             if (size_t(i) < list_->size())
                 (*list_)[size_t(i)] = pos;
@@ -190,8 +203,8 @@ public:
 
 private:
     int station_;
+    int keyIndex_;
     const QString& key_;
-    UnitRegister unit_;
     std::vector<int>* list_ = nullptr;
     uint64_t generation_ = 0;
 };
@@ -221,7 +234,7 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
     auto interrupted = [epoch] { return driver.initEpoch != epoch; };
 
     if (transfer == 1) {
-        const bool contacts = var.reg == QLatin1String("T") || var.reg == QLatin1String("C");
+        const bool contacts = index == ROW_T || index == ROW_C;
         BlockUnits units(station, index, index, var.address, count);
         for (int i = 0; i < count; ++i) {
             int address;
@@ -251,10 +264,9 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
         return 0;
     }
 
-    UnitRegister unit;
-    resolveUnitRegister(var.reg, unit);
-    const int keyIndex = unit.keyIndex;
-    const bool bitName = var.reg.contains(QLatin1String("_bit"));
+    const int keyIndex = catalogueKeyIndex(index);
+    if (keyIndex < 0) return 0;
+    const bool bitName = catalogueBitView(index);
 
     if (transfer == 16) {
         if (bitName && (driver.state == 2 || driver.state == 5)) {
@@ -319,8 +331,8 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
     }
 
     if (transfer != 32) return 0;
-    const bool current = var.reg == QLatin1String("TC") || var.reg == QLatin1String("CC");
-    const bool set = var.reg == QLatin1String("TS") || var.reg == QLatin1String("CS");
+    const bool current = index == ROW_TC || index == ROW_CC;
+    const bool set = index == ROW_TS || index == ROW_CS;
     auto valueAt = [&](long long i) -> uint32_t {
         const long long p = current ? 9 * i + 1 : set ? 9 * i + 5 : 4 * i;
         return (uint32_t(d[p]) << 24) | (uint32_t(d[p + 1]) << 16) | (uint32_t(d[p + 2]) << 8) | d[p + 3];
