@@ -26,15 +26,14 @@ void prefillByReading(int units) {
     }
 }
 
-void BM_CyclicRead128(benchmark::State& state) {
-    const int units = int(state.range(0));
+void cyclicRead(benchmark::State& state, int units, int words) {
     Runtime rt;
     rt.init();
     if (!completeHandshake()) return state.SkipWithError("handshake failed");
-    prefillByReading(units - kBlock);
+    prefillByReading(units - words);
 
     QList<KEY_ADDRESS> keys;
-    for (int i = 0; i < kBlock; ++i) keys.append(key(1, "DM", kBlockAddress + i, 1));
+    for (int i = 0; i < words; ++i) keys.append(key(1, "DM", kBlockAddress + i, 1));
     {
         QuietDebug quiet;
         if (intf_addrMerge(keys) != 1) return state.SkipWithError("not one block");
@@ -43,7 +42,7 @@ void BM_CyclicRead128(benchmark::State& state) {
 
     // Consecutive replies differ in every word.
     std::vector<QByteArray> replies;
-    for (unsigned s = 0; s < 64; ++s) replies.push_back(wordReadReply(kBlock, 1 + s * 977u));
+    for (unsigned s = 0; s < 64; ++s) replies.push_back(wordReadReply(words, 1 + s * 977u));
 
     FRAME_PRO frame;
     QString message;
@@ -54,12 +53,23 @@ void BM_CyclicRead128(benchmark::State& state) {
         QByteArray& reply = replies[k++ & 63];
         benchmark::DoNotOptimize(intf_dealRcvFrame(&reply, &message));
     }
-    if (changeReports() != (long long)state.iterations() * kBlock)
+    if (changeReports() != (long long)state.iterations() * words)
         state.SkipWithError("not every word was reported");
     state.counters["reports/tx"] = double(changeReports()) / double(state.iterations());
     intf_setAddrValueChangeCallBack(nullptr);
 }
+
+void BM_CyclicRead128(benchmark::State& state) {
+    cyclicRead(state, int(state.range(0)), kBlock);
+}
 BENCHMARK(BM_CyclicRead128)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+
+// The same in a 100k data area with blocks of 1, 16 and 128 words: what a
+// transaction costs in itself, and what each word adds.
+void BM_CyclicReadBlockLength(benchmark::State& state) {
+    cyclicRead(state, 100000, int(state.range(0)));
+}
+BENCHMARK(BM_CyclicReadBlockLength)->Arg(1)->Arg(16)->Arg(128)->Unit(benchmark::kMicrosecond);
 
 // Every unit of the data area monitored, one word per key: the loop runs
 // through all blocks in turn, each reply changing every word of its block.

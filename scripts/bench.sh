@@ -16,7 +16,7 @@ SECONDS_PER_RUN=${KV_BENCH_SECONDS:-2}
 JOBS=$(nproc 2>/dev/null || echo 2)
 [ "$JOBS" -gt 2 ] && JOBS=2
 
-PACKAGES=(cmake g++ make pkg-config qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev libmodbus-dev)
+PACKAGES=(cmake g++ make pkg-config qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev libmodbus-dev time)
 
 install_missing() {
     local missing=()
@@ -34,7 +34,7 @@ install_missing() {
 install_missing
 echo "== building Release in $BUILD"
 cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_BENCH=ON -DKV_BUILD_TESTS=OFF \
-      -DKV_BUILD_TOOLS=OFF >/dev/null
+      -DKV_BUILD_TOOLS=ON >/dev/null
 cmake --build "$BUILD" -j "$JOBS"
 rm -rf "$OUT"
 mkdir -p "$OUT"
@@ -101,6 +101,42 @@ for round in $(seq 1 "$ROUNDS"); do
     fi
     echo "   round $round done"
 done
+# The same two loops against the project's simulator (its values stand still,
+# so the driver stores no changes there).
+SIM=$BUILD/tools/sim/kv3000-sim
+if [ -x "$SIM" ]; then
+    echo "== end to end against kv3000-sim"
+    rm -f "$OUT/sim.in"
+    mkfifo "$OUT/sim.in"
+    "$SIM" --listen 127.0.0.1:0 <"$OUT/sim.in" >"$OUT/sim.log" 2>&1 &
+    SIM_PID=$!
+    exec 3>"$OUT/sim.in"
+    SIM_PORT=""
+    for _ in $(seq 1 200); do
+        SIM_PORT=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$OUT/sim.log")
+        [ -n "$SIM_PORT" ] && break
+        sleep 0.02
+    done
+    if [ -n "$SIM_PORT" ]; then
+        for round in $(seq 1 "$ROUNDS"); do
+            "$B/e2e_kvloop" driver "$SIM_PORT" "$SECONDS_PER_RUN" "$BUILD/libkv_3000.so" \
+                >>"$OUT/e2e_sim_driver.txt" 2>>"$OUT/e2e_client_sim.log" || true
+            "$B/e2e_kvloop" replay "$SIM_PORT" "$SECONDS_PER_RUN" \
+                >>"$OUT/e2e_sim_replay.txt" 2>>"$OUT/e2e_client_sim.log" || true
+        done
+        # Peak memory of the reference host watching 100,000 units (196 keys of
+        # at most 512 words) for a few seconds.
+        WATCH=()
+        for a in $(seq 0 127); do WATCH+=("DM$((a * 512)):512"); done
+        for a in $(seq 0 66); do WATCH+=("EM$((a * 512)):512"); done
+        WATCH+=("EM34304:160")
+        /usr/bin/time -v "$BUILD/tools/kv3000-host" --tcp "127.0.0.1:$SIM_PORT" --driver "$BUILD/libkv_3000.so" \
+            watch "${WATCH[@]}" --for 3 >"$OUT/host_watch.txt" 2>"$OUT/host_watch.time" || true
+    fi
+    exec 3>&-
+    wait "$SIM_PID" 2>/dev/null || true
+fi
+
 if [ "$(grep -h '^request:' "$OUT"/e2e_client_driver.log "$OUT"/e2e_client_replay.log | sort -u | wc -l)" -ne 1 ]; then
     echo "warning: the driver loop and the replay sent different request bytes" >&2
 fi
@@ -137,6 +173,16 @@ T1=$(value_of BM_CyclicRead128/1000); T100=$(value_of BM_CyclicRead128/100000)
     echo "   driver loop: $DRV   replay without driver (a): $REP   raw ping-pong (b): $PP   libmodbus (c): $MB"
     echo "   driver / (a): $(ratio "$DRV" "$REP")   (goal >= 0.95)"
     echo "   driver / (b): $(ratio "$DRV" "$PP")   libmodbus / (b): $(ratio "$MB" "$PP")   (goal: driver higher)"
-    echo "5. peak memory, 100k monitored units (whole process)"
-    sed 's/^/   /' "$OUT/rss.txt"
+    if [ -s "$OUT/e2e_sim_driver.txt" ]; then
+        SD=$(e2e_median sim_driver); SR=$(e2e_median sim_replay)
+        echo "   against kv3000-sim: driver loop $SD, replay $SR, ratio $(ratio "$SD" "$SR")"
+    fi
+    echo "5. peak memory, 100k monitored units"
+    if [ -s "$OUT/host_watch.time" ]; then
+        echo "   kv3000-host watch (196 keys, 100,000 words, 3 s, against kv3000-sim):" \
+             "max RSS $(awk -F': ' '/Maximum resident/ {print $2}' "$OUT/host_watch.time") KiB," \
+             "$(grep -c ' = ' "$OUT/host_watch.txt") values printed"
+    fi
+    echo "   e2e_rss (100,000 one-word keys, the runtime's key list included):"
+    sed 's/^/     /' "$OUT/rss.txt"
 } | tee "$OUT/summary.txt"
