@@ -217,7 +217,8 @@ void handShakeFrame() {
 
 int getReadFrame(QList<VARIABLE> list) {
     if (list.isEmpty()) return 0;
-    const VARIABLE& var = list.first();
+    // constFirst: the list shares its items with the caller's, and first() would copy them.
+    const VARIABLE& var = list.constFirst();
     // Only catalogue names: "Z_bit" would otherwise pass as "Z" word reads.
     const int nameIndex = getIndexFromRegName(var.reg);
     if (nameIndex < 0) return 0;

@@ -16,7 +16,7 @@ int check_rcv_data(unsigned char* reply, QList<VARIABLE> list, int size) {
     if (driver.frameList.isEmpty()) return 0;
     // Bytes announced but none handed over.
     if (!reply && size > 0) return 0;
-    const FRAME_PRO& head = driver.frameList.first();
+    const FRAME_PRO& head = driver.frameList.constFirst();
 
     // While connecting only the lengths count; the 10-byte answer ends the handshake.
     if (driver.handShakeFlag) {

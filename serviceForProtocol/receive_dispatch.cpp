@@ -67,7 +67,7 @@ void appendNumber(QString& text, long long v) {
 }  // namespace
 
 QString getErrorInfo(QByteArray) {
-    const FRAME_PRO& head = driver.frameList.first();
+    const FRAME_PRO& head = driver.frameList.constFirst();
     if (driver.handShakeFlag && head.replyLength != 0) return QStringLiteral("connection failed");
     DescribedFrame& last = lastDescribed;
     if (last.valid && last.station == head.station && last.address == head.address &&
@@ -99,7 +99,7 @@ QString getErrorInfo(QByteArray) {
 }
 
 int dealReadFrameReturnSaveData(QByteArray reply) {
-    const FRAME_PRO& head = driver.frameList.first();
+    const FRAME_PRO& head = driver.frameList.constFirst();
     // The head's fields are copied, but not its 1024 data bytes: only the
     // bit-write patch reads them, before anything can change the list.
     const ParsedBlock var{head.station, head.reg, head.address, head.length, head.data};
@@ -168,7 +168,7 @@ int intf_dealRcvFrame(QByteArray* reply, QString* message) {
             if (interrupted()) return 1;
         } else if (driver.state == 2 && driver.frameList.size() == 1) {
             // The last frame of a write answered: the whole request succeeded.
-            settle(settlementOf(driver.frameList.first()), 1);
+            settle(settlementOf(driver.frameList.constFirst()), 1);
             if (interrupted()) return 1;
         }
         driver.frameList.removeFirst();
@@ -182,7 +182,7 @@ int intf_dealRcvFrame(QByteArray* reply, QString* message) {
 
     driver.commError = 1;
     if (driver.state == 2) {
-        settle(settlementOf(driver.frameList.first()), 0);
+        settle(settlementOf(driver.frameList.constFirst()), 0);
         if (driver.initEpoch != epoch) return 2;
     }
     driver.frameList.clear();

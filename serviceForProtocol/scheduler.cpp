@@ -44,7 +44,7 @@ bool sameItem(const VARIABLE& a, const VARIABLE& b) {
 }
 
 int copyHead(FRAME_PRO* out) {
-    assignRecord(*out, driver.frameList.first());
+    assignRecord(*out, driver.frameList.constFirst());
     return 1;
 }
 
@@ -117,7 +117,7 @@ int intf_getSendFrame(FRAME_PRO* out) {
         if (driver.sendCount <= 9) {
             std::lock_guard<std::mutex> lock(driver.mutex);
             if (!driver.writeList.isEmpty()) {
-                assignRecord(driver.currentVar, driver.writeList.first());
+                assignRecord(driver.currentVar, driver.writeList.constFirst());
                 haveWrite = true;
             }
         }
@@ -142,7 +142,7 @@ int intf_getSendFrame(FRAME_PRO* out) {
         }
 
         if (!driver.conditionReadList.isEmpty() && driver.sendCount <= 2) {
-            assignRecord(driver.currentVar, driver.conditionReadList.first());
+            assignRecord(driver.currentVar, driver.conditionReadList.constFirst());
             driver.state = 3;
             driver.readFrameCount = buildRead();
             if (!driver.frameList.isEmpty()) {
@@ -156,7 +156,7 @@ int intf_getSendFrame(FRAME_PRO* out) {
         }
 
         if (!driver.readList.isEmpty() && unframeableBlocks < driver.readList.size()) {
-            assignRecord(driver.currentVar, driver.readList.first());
+            assignRecord(driver.currentVar, driver.readList.constFirst());
             driver.state = 4;
             driver.sendCount = 0;
             buildRead();
