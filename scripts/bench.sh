@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Builds the Release benchmarks and runs them all, then prints the medians
 # and the ratios that the goals are stated in.
-#   scripts/bench.sh                     everything (about 4 minutes)
+#   scripts/bench.sh                        everything (about 5 minutes)
+#   KV_BENCH_BASELINE=<git revision> scripts/bench.sh
+#                                           the same benchmarks built against that
+#                                           revision's driver too, side by side
 #   KV_BENCH_REPETITIONS=9 KV_BENCH_ROUNDS=9 KV_BENCH_SECONDS=3 scripts/bench.sh
 # Installs what is missing (as root or through sudo), libmodbus-dev included.
-# Results: build-release/bench-results/ (raw CSV and logs) and summary.txt.
+# Results: build-release/bench-results/ (raw JSON, logs) and summary.txt there.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
@@ -13,6 +16,7 @@ OUT=$BUILD/bench-results
 REPS=${KV_BENCH_REPETITIONS:-5}
 ROUNDS=${KV_BENCH_ROUNDS:-5}
 SECONDS_PER_RUN=${KV_BENCH_SECONDS:-2}
+BASELINE=${KV_BENCH_BASELINE:-}
 JOBS=$(nproc 2>/dev/null || echo 2)
 [ "$JOBS" -gt 2 ] && JOBS=2
 
@@ -40,24 +44,47 @@ rm -rf "$OUT"
 mkdir -p "$OUT"
 B=$BUILD/bench
 
-# --- Google Benchmark programs: medians of REPS repetitions, CPU time ----------
-for prog in bench_transaction bench_registration bench_writes bench_data_area bench_address_merge; do
-    [ -x "$B/$prog" ] || continue
-    echo "== $prog"
-    "$B/$prog" --benchmark_repetitions="$REPS" --benchmark_report_aggregates_only=true \
-        --benchmark_out="$OUT/$prog.json" --benchmark_out_format=json 2>&1 | grep -E '_median|ERROR' || true
-    # One line per result: name, CPU time, unit.
-    awk -F'": ' '
-        /^ *"name":/ { gsub(/[",]/, "", $2); name = $2 }
-        /^ *"cpu_time":/ { gsub(/,/, "", $2); cpu = $2 }
-        /^ *"time_unit":/ { gsub(/[",]/, "", $2); print name, cpu, $2 }' "$OUT/$prog.json" >>"$OUT/medians.txt"
-done
+# The baseline: that revision's driver with today's benchmark programs.
+BASE=""
+if [ -n "$BASELINE" ]; then
+    echo "== building the driver of $BASELINE with the same benchmarks"
+    BASE=$BUILD/baseline
+    rm -rf "$BASE/src"
+    mkdir -p "$BASE/src"
+    git archive "$BASELINE" | tar -x -C "$BASE/src"
+    rm -rf "$BASE/src/bench"
+    cp -r "$ROOT/bench" "$BASE/src/bench"
+    cmake -S "$BASE/src" -B "$BASE/build" -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_BENCH=ON -DKV_BUILD_TESTS=OFF \
+          -DKV_BUILD_TOOLS=OFF >/dev/null
+    cmake --build "$BASE/build" -j "$JOBS" >/dev/null
+fi
 
-# median_of NAME: median CPU time of one benchmark, in its own unit ("12.3 us").
-median_of() {
-    awk -v want="$1_median" '$1 == want { printf "%.4g %s\n", $2, $3 }' "$OUT/medians.txt"
+# --- Google Benchmark programs: medians of REPS repetitions, CPU time ----------
+run_benches() {  # BENCH-DIR MEDIANS-FILE LABEL
+    for prog in bench_transaction bench_registration bench_writes bench_data_area bench_address_merge; do
+        [ -x "$1/$prog" ] || continue
+        echo "== $prog ($3)"
+        "$1/$prog" --benchmark_repetitions="$REPS" --benchmark_report_aggregates_only=true \
+            --benchmark_out="$OUT/$prog.$3.json" --benchmark_out_format=json 2>&1 | grep -E '_median|ERROR' || true
+        # One line per result: name, CPU time, unit.
+        awk -F'": ' '
+            /^ *"name":/ { gsub(/[",]/, "", $2); name = $2 }
+            /^ *"cpu_time":/ { gsub(/,/, "", $2); cpu = $2 }
+            /^ *"time_unit":/ { gsub(/[",]/, "", $2); print name, cpu, $2 }' "$OUT/$prog.$3.json" >>"$2"
+    done
 }
-value_of() { median_of "$1" | awk '{print $1}'; }
+run_benches "$B" "$OUT/medians.txt" now
+[ -n "$BASE" ] && run_benches "$BASE/build/bench" "$OUT/medians.baseline.txt" baseline
+
+# median_of NAME [FILE]: median CPU time of one benchmark, in its own unit ("12.3 us").
+median_of() {
+    awk -v want="$1_median" '$1 == want { printf "%.4g %s\n", $2, $3 }' "${2:-$OUT/medians.txt}"
+}
+value_of() { median_of "$1" "${2:-$OUT/medians.txt}" | awk '{print $1}'; }
+# both NAME: "now" or "baseline -> now".
+both() {
+    if [ -n "$BASE" ]; then echo "$(median_of "$1" "$OUT/medians.baseline.txt") -> $(median_of "$1")"; else median_of "$1"; fi
+}
 
 # --- End to end over loopback TCP ---------------------------------------------
 # start_server LOG CMD...: runs the server in the background, waits for its
@@ -94,6 +121,10 @@ run_client() {  # NAME SERVER-CMD -- CLIENT-CMD (PORT substituted for @PORT@)
 echo "== end to end: $ROUNDS rounds of $SECONDS_PER_RUN s per loop"
 for round in $(seq 1 "$ROUNDS"); do
     run_client driver "$B/e2e_kvserver" -- "$B/e2e_kvloop" driver @PORT@ "$SECONDS_PER_RUN" "$BUILD/libkv_3000.so"
+    if [ -n "$BASE" ]; then
+        run_client driver_baseline "$B/e2e_kvserver" -- \
+            "$B/e2e_kvloop" driver @PORT@ "$SECONDS_PER_RUN" "$BASE/build/libkv_3000.so"
+    fi
     run_client replay "$B/e2e_kvserver" -- "$B/e2e_kvloop" replay @PORT@ "$SECONDS_PER_RUN"
     run_client pingpong "$B/e2e_pingpong" server -- "$B/e2e_pingpong" client @PORT@ "$SECONDS_PER_RUN"
     if [ -x "$B/e2e_modbus" ]; then
@@ -101,8 +132,21 @@ for round in $(seq 1 "$ROUNDS"); do
     fi
     echo "   round $round done"
 done
+if [ "$(grep -h '^request:' "$OUT"/e2e_client_driver.log "$OUT"/e2e_client_replay.log | sort -u | wc -l)" -ne 1 ]; then
+    echo "warning: the driver loop and the replay sent different request bytes" >&2
+fi
+
 # The same two loops against the project's simulator (its values stand still,
-# so the driver stores no changes there).
+# so the driver stores no changes there), and the reference host's memory.
+host_watch() {  # DRIVER-LIB OUTPUT-NAME
+    # 100,000 units: 196 keys of at most 512 words.
+    local watch=()
+    for a in $(seq 0 127); do watch+=("DM$((a * 512)):512"); done
+    for a in $(seq 0 66); do watch+=("EM$((a * 512)):512"); done
+    watch+=("EM34304:160")
+    /usr/bin/time -v "$BUILD/tools/kv3000-host" --tcp "127.0.0.1:$SIM_PORT" --driver "$1" \
+        watch "${watch[@]}" --for 3 >"$OUT/$2.txt" 2>"$OUT/$2.time" || true
+}
 SIM=$BUILD/tools/sim/kv3000-sim
 if [ -x "$SIM" ]; then
     echo "== end to end against kv3000-sim"
@@ -124,21 +168,11 @@ if [ -x "$SIM" ]; then
             "$B/e2e_kvloop" replay "$SIM_PORT" "$SECONDS_PER_RUN" \
                 >>"$OUT/e2e_sim_replay.txt" 2>>"$OUT/e2e_client_sim.log" || true
         done
-        # Peak memory of the reference host watching 100,000 units (196 keys of
-        # at most 512 words) for a few seconds.
-        WATCH=()
-        for a in $(seq 0 127); do WATCH+=("DM$((a * 512)):512"); done
-        for a in $(seq 0 66); do WATCH+=("EM$((a * 512)):512"); done
-        WATCH+=("EM34304:160")
-        /usr/bin/time -v "$BUILD/tools/kv3000-host" --tcp "127.0.0.1:$SIM_PORT" --driver "$BUILD/libkv_3000.so" \
-            watch "${WATCH[@]}" --for 3 >"$OUT/host_watch.txt" 2>"$OUT/host_watch.time" || true
+        host_watch "$BUILD/libkv_3000.so" host_watch
+        [ -n "$BASE" ] && host_watch "$BASE/build/libkv_3000.so" host_watch.baseline
     fi
     exec 3>&-
     wait "$SIM_PID" 2>/dev/null || true
-fi
-
-if [ "$(grep -h '^request:' "$OUT"/e2e_client_driver.log "$OUT"/e2e_client_replay.log | sort -u | wc -l)" -ne 1 ]; then
-    echo "warning: the driver loop and the replay sent different request bytes" >&2
 fi
 
 e2e_median() {  # NAME -> median transactions per second
@@ -148,28 +182,34 @@ e2e_median() {  # NAME -> median transactions per second
 
 # --- Peak memory ----------------------------------------------------------------
 "$B/e2e_rss" 100000 >"$OUT/rss.txt"
+[ -n "$BASE" ] && "$BASE/build/bench/e2e_rss" 100000 >"$OUT/rss.baseline.txt"
 
 # --- Summary --------------------------------------------------------------------
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.3f", a / b; else print "n/a" }'; }
+max_rss() { awk -F': ' '/Maximum resident/ {print $2}' "$OUT/$1.time"; }
+rss_field() { awk -v f="$2" '$1 == f {print $2}' "$OUT/$1"; }
 DRV=$(e2e_median driver); REP=$(e2e_median replay); PP=$(e2e_median pingpong); MB=$(e2e_median modbus)
 T1=$(value_of BM_CyclicRead128/1000); T100=$(value_of BM_CyclicRead128/100000)
 {
     echo "machine: $(nproc) cores, $(. /etc/os-release && echo "$PRETTY_NAME"), $(uname -r)"
     echo "medians of $REPS repetitions (CPU time) and of $ROUNDS end-to-end rounds of $SECONDS_PER_RUN s"
+    [ -n "$BASE" ] && echo "figures as 'baseline -> now', baseline = driver of $BASELINE"
     echo
     echo "1. cyclic 128-word transaction (getSendFrame + dealRcvFrame, 128 change reports)"
-    for n in 1000 10000 100000; do echo "   data area $n units: $(median_of BM_CyclicRead128/$n)"; done
+    for n in 1000 10000 100000; do echo "   data area $n units: $(both BM_CyclicRead128/$n)"; done
     echo "   ratio 100k / 1k: $(ratio "$T100" "$T1")   (goal <= 1.5; goal < 20 us)"
-    for n in 1000 10000 100000; do echo "   all $n units monitored, per block: $(median_of BM_CyclicReadAllMonitored/$n)"; done
-    echo "2. registration, intf_addrMerge of random keys"
+    for n in 1 16 128; do echo "   block of $n words, 100k units: $(both BM_CyclicReadBlockLength/$n)"; done
+    for n in 1000 10000 100000; do echo "   all $n units monitored, per block: $(both BM_CyclicReadAllMonitored/$n)"; done
+    echo "2. registration, intf_addrMerge of random keys (goal < 200 ms for 100k)"
     for n in 1000 10000 100000; do
-        echo "   $n keys: debug lines dropped by a handler $(median_of BM_AddrMerge/$n), debug off $(median_of BM_AddrMergeDebugOff/$n)"
+        echo "   $n keys: debug lines dropped by a handler $(both BM_AddrMerge/$n); debug off $(both BM_AddrMergeDebugOff/$n)"
     done
-    echo "   (goal < 200 ms for 100k)"
     echo "3. writes"
-    echo "   intf_setData, one word, 500 pending: $(median_of BM_SetDataWith500Pending) (debug off $(median_of BM_SetDataWith500PendingDebugOff))"
-    echo "   intf_getSendFrame choice, full queues: $(median_of BM_SchedulerChoiceFullQueues)"
+    echo "   intf_setData, one word, 500 pending: $(both BM_SetDataWith500Pending); debug off $(both BM_SetDataWith500PendingDebugOff)"
+    echo "   intf_getSendFrame choice, full queues: $(both BM_SchedulerChoiceFullQueues)"
     echo "4. end to end, loopback TCP, transactions per second"
+    [ -n "$BASE" ] && echo "   driver loop with the baseline driver: $(e2e_median driver_baseline)" \
+        "($(ratio "$(e2e_median driver_baseline)" "$REP") of (a))"
     echo "   driver loop: $DRV   replay without driver (a): $REP   raw ping-pong (b): $PP   libmodbus (c): $MB"
     echo "   driver / (a): $(ratio "$DRV" "$REP")   (goal >= 0.95)"
     echo "   driver / (b): $(ratio "$DRV" "$PP")   libmodbus / (b): $(ratio "$MB" "$PP")   (goal: driver higher)"
@@ -179,10 +219,11 @@ T1=$(value_of BM_CyclicRead128/1000); T100=$(value_of BM_CyclicRead128/100000)
     fi
     echo "5. peak memory, 100k monitored units"
     if [ -s "$OUT/host_watch.time" ]; then
-        echo "   kv3000-host watch (196 keys, 100,000 words, 3 s, against kv3000-sim):" \
-             "max RSS $(awk -F': ' '/Maximum resident/ {print $2}' "$OUT/host_watch.time") KiB," \
-             "$(grep -c ' = ' "$OUT/host_watch.txt") values printed"
+        echo "   kv3000-host watch, 196 keys = 100,000 words, 3 s against kv3000-sim: max RSS" \
+             "$([ -n "$BASE" ] && echo "$(max_rss host_watch.baseline) KiB ->") $(max_rss host_watch) KiB"
     fi
-    echo "   e2e_rss (100,000 one-word keys, the runtime's key list included):"
-    sed 's/^/     /' "$OUT/rss.txt"
+    echo "   e2e_rss, 100,000 one-word keys (the runtime's 100k-record key list included in the peak):"
+    for f in rss_peak_kib rss_after_registration_kib rss_after_reads_kib; do
+        echo "     $f: $([ -n "$BASE" ] && echo "$(rss_field rss.baseline.txt $f) ->") $(rss_field rss.txt $f)"
+    done
 } | tee "$OUT/summary.txt"
