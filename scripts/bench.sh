@@ -6,6 +6,9 @@
 #                                           the same benchmarks built against that
 #                                           revision's driver too, side by side
 #   KV_BENCH_REPETITIONS=9 KV_BENCH_ROUNDS=9 KV_BENCH_SECONDS=3 scripts/bench.sh
+#   KV_BENCH_PIN=same|split|none            where the end-to-end pairs run: both on
+#                                           CPU 0 (default, steady figures), server on
+#                                           CPU 1 and client on CPU 0, or anywhere
 # Installs what is missing (as root or through sudo), libmodbus-dev included.
 # Results: build-release/bench-results/ (raw JSON, logs) and summary.txt there.
 set -euo pipefail
@@ -17,6 +20,15 @@ REPS=${KV_BENCH_REPETITIONS:-5}
 ROUNDS=${KV_BENCH_ROUNDS:-5}
 SECONDS_PER_RUN=${KV_BENCH_SECONDS:-2}
 BASELINE=${KV_BENCH_BASELINE:-}
+PIN=${KV_BENCH_PIN:-same}
+# An idle CPU of this kind of machine takes tens of microseconds to wake, so
+# a server and a client on two CPUs measure wake-ups more than work, and vary
+# run to run. On one CPU each round trip is two context switches.
+case "$PIN" in
+same) ON_SERVER=(taskset -c 0); ON_CLIENT=(taskset -c 0) ;;
+split) ON_SERVER=(taskset -c 1); ON_CLIENT=(taskset -c 0) ;;
+*) ON_SERVER=(); ON_CLIENT=() ;;
+esac
 JOBS=$(nproc 2>/dev/null || echo 2)
 [ "$JOBS" -gt 2 ] && JOBS=2
 
@@ -93,7 +105,7 @@ start_server() {
     local log=$1
     shift
     : >"$log"
-    "$@" >"$log" 2>&1 &
+    "${ON_SERVER[@]}" "$@" >"$log" 2>&1 &
     SERVER_PID=$!
     for _ in $(seq 1 200); do
         PORT=$(awk '/^port /{print $2; exit}' "$log")
@@ -114,7 +126,8 @@ run_client() {  # NAME SERVER-CMD -- CLIENT-CMD (PORT substituted for @PORT@)
     start_server "$OUT/e2e_server_$name.log" "${server[@]}" || return 0
     local args=()
     for a in "$@"; do args+=("${a//@PORT@/$PORT}"); done
-    "${args[@]}" >>"$OUT/e2e_$name.txt" 2>>"$OUT/e2e_client_$name.log" || echo "$name client failed" >&2
+    "${ON_CLIENT[@]}" "${args[@]}" >>"$OUT/e2e_$name.txt" 2>>"$OUT/e2e_client_$name.log" ||
+        echo "$name client failed" >&2
     wait "$SERVER_PID" 2>/dev/null || true
 }
 
@@ -152,7 +165,7 @@ if [ -x "$SIM" ]; then
     echo "== end to end against kv3000-sim"
     rm -f "$OUT/sim.in"
     mkfifo "$OUT/sim.in"
-    "$SIM" --listen 127.0.0.1:0 <"$OUT/sim.in" >"$OUT/sim.log" 2>&1 &
+    "${ON_SERVER[@]}" "$SIM" --listen 127.0.0.1:0 <"$OUT/sim.in" >"$OUT/sim.log" 2>&1 &
     SIM_PID=$!
     exec 3>"$OUT/sim.in"
     SIM_PORT=""
@@ -163,9 +176,9 @@ if [ -x "$SIM" ]; then
     done
     if [ -n "$SIM_PORT" ]; then
         for round in $(seq 1 "$ROUNDS"); do
-            "$B/e2e_kvloop" driver "$SIM_PORT" "$SECONDS_PER_RUN" "$BUILD/libkv_3000.so" \
+            "${ON_CLIENT[@]}" "$B/e2e_kvloop" driver "$SIM_PORT" "$SECONDS_PER_RUN" "$BUILD/libkv_3000.so" \
                 >>"$OUT/e2e_sim_driver.txt" 2>>"$OUT/e2e_client_sim.log" || true
-            "$B/e2e_kvloop" replay "$SIM_PORT" "$SECONDS_PER_RUN" \
+            "${ON_CLIENT[@]}" "$B/e2e_kvloop" replay "$SIM_PORT" "$SECONDS_PER_RUN" \
                 >>"$OUT/e2e_sim_replay.txt" 2>>"$OUT/e2e_client_sim.log" || true
         done
         host_watch "$BUILD/libkv_3000.so" host_watch
@@ -192,7 +205,7 @@ DRV=$(e2e_median driver); REP=$(e2e_median replay); PP=$(e2e_median pingpong); M
 T1=$(value_of BM_CyclicRead128/1000); T100=$(value_of BM_CyclicRead128/100000)
 {
     echo "machine: $(nproc) cores, $(. /etc/os-release && echo "$PRETTY_NAME"), $(uname -r)"
-    echo "medians of $REPS repetitions (CPU time) and of $ROUNDS end-to-end rounds of $SECONDS_PER_RUN s"
+    echo "medians of $REPS repetitions (CPU time) and of $ROUNDS end-to-end rounds of $SECONDS_PER_RUN s, pinning: $PIN"
     [ -n "$BASE" ] && echo "figures as 'baseline -> now', baseline = driver of $BASELINE"
     echo
     echo "1. cyclic 128-word transaction (getSendFrame + dealRcvFrame, 128 change reports)"
