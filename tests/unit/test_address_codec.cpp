@@ -242,4 +242,15 @@ TEST(CheckAddr, HostileInputGivesACode) {
     EXPECT_EQ(check("DM", "0", 0, -1, 0), 0);
 }
 
+TEST(CheckAddrValidity, ShortLengthDoesNotCarryAnAddressPastTheEndIntoRange) {
+    int a = 0;
+    EXPECT_EQ(validity("DM", "65553", -16776960, 1, &a), 2);
+    EXPECT_EQ(a, 65553);
+    EXPECT_EQ(validity("DM", "65536", 0, 1), 2);
+    EXPECT_EQ(validity("TC", "10000", 0, 1), 2);
+    EXPECT_EQ(validity("R", "1000.0", -1, 0), 2);
+    EXPECT_EQ(check("B", "4000", -1, -3, 0), 2);
+    EXPECT_EQ(check("TRM", "8", 1, 0, 0), 2);
+}
+
 }  // namespace

@@ -2,6 +2,8 @@
 #include "kv_responder.h"
 #include "runtime_fixture.h"
 
+#include <climits>
+
 namespace {
 
 class ConditionReads : public RuntimeFixture {
@@ -76,6 +78,18 @@ TEST_F(ConditionReads, RefusedRequestsQueueNothingAndEndAsFailed) {
     initDriver("1#0#0#3#0");
     intf_addConditionRead(key("DM", 1, 1), 1);
     EXPECT_TRUE(driver.conditionReadList.isEmpty());
+}
+
+TEST_F(ConditionReads, RelayLengthWhoseBitCountLeavesIntIsRefused) {
+    // 16 bits per relay word: -200000000 words would be -3.2e9 bits.
+    intf_addConditionRead(key("R", 0, -200000000, -1), 1);
+    intf_addConditionRead(key("B", 0, INT_MIN, -1), 1);
+    EXPECT_TRUE(driver.conditionReadList.isEmpty());
+    ASSERT_EQ(calls().size(), 2u);
+    EXPECT_EQ(calls()[1], (CallbackRecord{-1, -1, "-1", -1}));
+    intf_addConditionRead(key("R", 0, -5, -1), 1);  // short but representable: queued as it is
+    ASSERT_EQ(driver.conditionReadList.size(), 1);
+    EXPECT_EQ(driver.conditionReadList[0].length, -80);
 }
 
 TEST_F(ConditionReads, OnlyTheLastRequestIsReportedWithItsOutcome) {
