@@ -35,6 +35,8 @@ struct Reply {
 };
 
 // Recipe entries that the outstanding recipe read covers: [first, last).
+// A change callback may re-register the recipe meanwhile: the loops over the
+// range also stop at the end of the list as it is then.
 struct RecipeRange {
     int first = 0;
     int last = 0;
@@ -156,7 +158,7 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
             driver.dataArea[at].readValue[0] = bit;
         }
         // Bit-register recipe entries: one buffer word per bit.
-        for (int k = recipe.first; k < recipe.last; ++k) {
+        for (int k = recipe.first; k < recipe.last && k < driver.rcpVarList.size(); ++k) {
             const _RCP_VAR_PRO e = driver.rcpVarList.at(k);
             const Span span = elementsWithin(e.address, e.length, var.address, var.address + 0LL + count);
             for (long long j = span.begin; j < span.end; ++j) {
@@ -196,7 +198,7 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
             driver.dataArea[at].readValue[0] = d[2LL * i + 1];
             driver.dataArea[at].readValue[1] = d[2LL * i];
         }
-        for (int k = recipe.first; k < recipe.last; ++k) {
+        for (int k = recipe.first; k < recipe.last && k < driver.rcpVarList.size(); ++k) {
             const _RCP_VAR_PRO e = driver.rcpVarList.at(k);
             const Span span = bitName ? elementsWithin(e.address, e.length, base * 16, (base + count) * 16)
                                       : elementsWithin(e.address, e.length, base, base + count);
@@ -242,7 +244,7 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
             driver.dataArea[at].readValue[b] = static_cast<unsigned char>(v >> (8 * b));
     }
     // Every value of a 32-bit entry: length / 2 values (at least one), two buffer words each.
-    for (int k = recipe.first; k < recipe.last; ++k) {
+    for (int k = recipe.first; k < recipe.last && k < driver.rcpVarList.size(); ++k) {
         const _RCP_VAR_PRO e = driver.rcpVarList.at(k);
         const long long values = std::max(1, e.length / 2);
         const Span span = elementsWithin(e.address, values, var.address, var.address + 0LL + count);

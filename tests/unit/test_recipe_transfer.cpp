@@ -96,4 +96,29 @@ TEST_F(RecipeTransfer, UploadFillsTheBufferWhereTheRuntimeLooks) {
     EXPECT_EQ(announced, 315);
 }
 
+// The runtime drops its recipe from inside the report of the first uploaded
+// word: the rest of the block is no longer the driver's to fill.
+void dropRecipeOnFirstWord(int context, int, const QString& name, int) {
+    if (context != 0 || name != QLatin1String("RWI")) return;
+    QVector<_RCP_VAR_PRO> none;
+    intf_setRcpAddress(none);
+}
+
+TEST_F(RecipeTransfer, RecipeDroppedFromTheCallbackMidBlockEndsTheUpload) {
+    QVector<_RCP_VAR_PRO> pair;
+    pair.append(entry("DM", 10, 2, 0));
+    pair.append(entry("DM", 12, 2, 2));  // same block as the first
+    ASSERT_EQ(intf_setRcpAddress(pair), 2);
+    for (int w = 0; w < 4; ++w) plc.setWord(6, 10 + w, static_cast<uint16_t>(0x100 + w));
+    for (int w = 0; w < 4; ++w) recipe[w] = 0xAAAA;
+    intf_setAddrValueChangeCallBack(dropRecipeOnFirstWord);
+
+    transfer(false);
+
+    EXPECT_EQ(recipe[0], 0x100);
+    EXPECT_EQ(recipe[2], 0xAAAA);
+    EXPECT_EQ(recipe[3], 0xAAAA);
+    EXPECT_TRUE(driver.rcpVarList.isEmpty());
+}
+
 }  // namespace
