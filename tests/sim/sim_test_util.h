@@ -33,10 +33,15 @@ inline uint8_t check(const uint8_t* p, size_t n) {
 
 // 06 01 00 FF L <cmd> chk 04
 inline Bytes request(const Bytes& cmd) {
-    Bytes f{0x06, 0x01, 0x00, 0xFF, static_cast<uint8_t>(cmd.size())};
-    f.insert(f.end(), cmd.begin(), cmd.end());
-    f.push_back(check(f.data() + 3, f.size() - 3));
-    f.push_back(0x04);
+    Bytes f(cmd.size() + 7);
+    f[0] = 0x06;
+    f[1] = 0x01;
+    f[2] = 0x00;
+    f[3] = 0xFF;
+    f[4] = static_cast<uint8_t>(cmd.size());
+    for (size_t i = 0; i < cmd.size(); ++i) f[5 + i] = cmd[i];
+    f[f.size() - 2] = check(f.data() + 3, f.size() - 5);
+    f[f.size() - 1] = 0x04;
     return f;
 }
 

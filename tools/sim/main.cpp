@@ -190,6 +190,7 @@ int main(int argc, char** argv) {
     std::string pending;
     bool quit = false;
     bool inputOpen = true;
+    bool skipping = false;
     while (!quit && inputOpen) {
         pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {gSignalPipe[0], POLLIN, 0}};
         const int rc = ::poll(fds, 2, -1);
@@ -211,14 +212,20 @@ int main(int argc, char** argv) {
         while (!quit && (nl = pending.find('\n')) != std::string::npos) {
             const std::string line = pending.substr(0, nl);
             pending.erase(0, nl + 1);
+            if (skipping) {
+                skipping = false;
+                continue;
+            }
             std::fputs(console.execute(line, &quit).c_str(), stdout);
         }
-        if (!inputOpen && !quit && !pending.empty())
+        if (!inputOpen && !quit && !skipping && !pending.empty())
             std::fputs(console.execute(pending, &quit).c_str(), stdout);
-        // A line without an end that keeps growing is not a command.
-        if (pending.size() > 65536) {
-            std::fputs("error: line too long\n", stdout);
+        // A line that keeps growing without an end is not a command: it is
+        // dropped up to its newline.
+        if (pending.size() > 4096) {
+            if (!skipping) std::fputs("error: line too long\n", stdout);
             pending.clear();
+            skipping = true;
         }
         std::fflush(stdout);
     }

@@ -24,6 +24,11 @@ std::string error(const std::string& what) {
     return "error: " + what + "\n";
 }
 
+// User text quoted in an error line, cut short so a line stays a line.
+std::string quoted(const std::string& text) {
+    return "'" + (text.size() > 40 ? text.substr(0, 40) + "..." : text) + "'";
+}
+
 bool isBitUnit(UnitKind k) {
     return k == UnitKind::Bit || k == UnitKind::WordBit || k == UnitKind::Contact;
 }
@@ -95,7 +100,8 @@ std::string Console::execute(const std::string& line, bool* quit) {
             const unsigned long v = std::strtoul(n.c_str(), &end, 10);
             if (n.empty() || n[0] == '-' || n[0] == '+' || errno != 0 || *end != '\0' || v == 0 ||
                 v > kMaxUnitsPerCommand)
-                return error("bad count '" + n + "' (1 to " + std::to_string(kMaxUnitsPerCommand) + ")");
+                return error("bad count " + quoted(n) + " (1 to " + std::to_string(kMaxUnitsPerCommand) +
+                             ")");
             count = static_cast<uint32_t>(v);
             addr = addr.substr(0, colon);
         }
@@ -125,13 +131,13 @@ std::string Console::execute(const std::string& line, bool* quit) {
         std::vector<uint32_t> values(count);
         for (uint32_t i = 0; i < count; ++i) {
             if (!parseValue(w[2 + i], unit->reg->kind, values[i]))
-                return error("bad value '" + w[2 + i] + "' for " + unit->reg->name +
+                return error("bad value " + quoted(w[2 + i]) + " for " + unit->reg->name +
                              (isBitUnit(unit->reg->kind) ? " (0 or 1)" : ""));
         }
         for (uint32_t i = 0; i < count; ++i) mem_.set(*unit->reg, unit->address + i, values[i]);
         return "ok\n";
     }
-    return error("unknown command '" + cmd + "' (help lists the commands)");
+    return error("unknown command " + quoted(cmd) + " (help lists the commands)");
 }
 
 }  // namespace kvsim

@@ -150,7 +150,9 @@ std::optional<UnitRef> parseUnit(std::string_view text, std::string* error) {
             best = &r;
     }
     auto fail = [&](const char* what) -> std::optional<UnitRef> {
-        if (error) *error = std::string(what) + " '" + std::string(text) + "'";
+        const std::string shown =
+            text.size() > 40 ? std::string(text.substr(0, 40)) + "..." : std::string(text);
+        if (error) *error = std::string(what) + " '" + shown + "'";
         return std::nullopt;
     };
     if (!best) return fail("unknown register or missing address in");

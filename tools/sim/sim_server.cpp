@@ -27,6 +27,7 @@ using Clock = std::chrono::steady_clock;
 enum SourceKind { LISTENER = 0, TCP_CLIENT = 1, PTY = 2 };
 
 constexpr auto kLivePeriod = std::chrono::milliseconds(100);
+constexpr double kPi = 3.14159265358979323846;
 constexpr size_t kMaxQueuedBytes = 1 << 20;  // a pty nobody reads must not grow without bound
 constexpr int kReadsPerWakeup = 16;          // so that one chatty client cannot starve the others
 
@@ -141,13 +142,16 @@ bool Simulator::startTcp(const std::string& host, uint16_t port, std::string* er
         if (error) *error = why;
         return false;
     };
+    if (host.empty()) return fail("no address to listen on");
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    // Numeric addresses only (and "localhost"): starting never waits on a name service.
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV | AI_NUMERICHOST;
     addrinfo* list = nullptr;
     const std::string service = std::to_string(port);
-    const int rc = getaddrinfo(host.empty() ? nullptr : host.c_str(), service.c_str(), &hints, &list);
+    const std::string numeric = host == "localhost" ? "127.0.0.1" : host;
+    const int rc = getaddrinfo(numeric.c_str(), service.c_str(), &hints, &list);
     if (rc != 0 || !list) return fail("cannot resolve '" + host + "': " + gai_strerror(rc));
     std::string why = "no address";
     int fd = -1;
@@ -159,7 +163,8 @@ bool Simulator::startTcp(const std::string& host, uint16_t port, std::string* er
         }
         const int one = 1;
         setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        if (::bind(fd, ai->ai_addr, ai->ai_addrlen) == 0 && ::listen(fd, 16) == 0 && setNonBlocking(fd))
+        if (::bind(fd, ai->ai_addr, ai->ai_addrlen) == 0 && ::listen(fd, SOMAXCONN) == 0 &&
+            setNonBlocking(fd))
             break;
         why = std::strerror(errno);
         ::close(fd);
@@ -248,7 +253,7 @@ void Simulator::liveStep() {
     auto& dm = memory_.words(Store::DM);
     dm[0] = static_cast<uint16_t>(dm[0] + 1);
     dm[1] = static_cast<uint16_t>(
-        std::lround(500.0 + 500.0 * std::sin(2.0 * M_PI * static_cast<double>(t % 100) / 100.0)));
+        std::lround(500.0 + 500.0 * std::sin(2.0 * kPi * static_cast<double>(t % 100) / 100.0)));
     // T0 runs up to its set value of 5 s in 100 ms steps, keeps its contact
     // closed for one second, then starts again.
     TimerRecord& t0 = memory_.timers(Store::T)[0];
