@@ -45,7 +45,7 @@ test)
     ctest --test-dir build --output-on-failure -j "$JOBS" --timeout 600
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
     configure_build build-asan -DKV_SANITIZE="address;undefined" -DKV_BUILD_BENCH=OFF
-    ctest --test-dir build-asan --output-on-failure -j "$JOBS" --timeout 600 -LE stress
+    ctest --test-dir build-asan --output-on-failure -j "$JOBS" --timeout 600 -L 'unit|sim|e2e'
     echo "== ThreadSanitizer"
     configure_build build-tsan -DKV_SANITIZE=thread -DKV_BUILD_BENCH=OFF -DKV_BUILD_TOOLS=ON
     ctest --test-dir build-tsan --output-on-failure -j "$JOBS" --timeout 600 -L 'stress|unit'
