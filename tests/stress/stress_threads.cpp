@@ -96,23 +96,26 @@ int pick(int n) {
 
 thread_local int callbackDepth = 0;
 
+bool isBitName(const QString& name) {
+    return name == QLatin1String("DM_bit") || name == QLatin1String("R");
+}
+bool isDwordName(const QString& name) {
+    return name == QLatin1String("TS") || name == QLatin1String("Z");
+}
+
 void onChange(int context, int station, const QString& name, int address) {
     ++reports;
     if (context != 1 || callbackDepth > 0) return;  // recipe words and condition-read ends
     ++callbackDepth;
     unsigned char shown[8] = {};
-    intf_getData(station, name, address, name == QLatin1String("TS") || name == QLatin1String("Z") ? 2 : 1,
-                 shown);
+    intf_getData(station, name, address, isDwordName(name) ? 2 : 1, shown);
     if (!quiet.load()) {
         const int dice = pick(20);
         if (dice == 0) {
             QString reg = name;
             unsigned char value[4] = {static_cast<unsigned char>(pick(2)),
                                       static_cast<unsigned char>(pick(256)), 0, 0};
-            const bool bit = name == QLatin1String("DM_bit") || name == QLatin1String("R");
-            const bool dword = name == QLatin1String("TS") || name == QLatin1String("Z");
-            intf_setData(station, &reg, address, dword ? 2 : 1, value, 900);
-            (void)bit;
+            intf_setData(station, &reg, address, isDwordName(name) ? 2 : 1, value, 900);
             ++callbackWrites;
         } else if (dice == 1) {
             KEY_ADDRESS key;
@@ -120,7 +123,7 @@ void onChange(int context, int station, const QString& name, int address) {
             key.reg = name;
             key.address = address;
             key.length = 1;
-            key.dataType = name == QLatin1String("DM_bit") || name == QLatin1String("R") ? -1 : 0;
+            key.dataType = isBitName(name) ? -1 : 0;
             intf_addConditionRead(key, 901);
         }
     }
