@@ -40,7 +40,7 @@ int allMix_GetDataStartPosition(QByteArray reply, QList<VARIABLE> list, int n) {
     // No such frame: no position.
     if (driver.frameIndex < 0 || driver.frameIndex >= driver.frameList.size()) return -1;
     int64_t position = driver.frameList.at(driver.frameIndex).dataOffset;
-    if (driver.readFrameCount >= 1 && n > 0) position += 4 * int64_t(std::min(driver.readFrameCount, n));
+    if (driver.readFrameCount >= 1 && n != 0) position += 4 * int64_t(std::min(driver.readFrameCount, n));
     return static_cast<int>(std::min<int64_t>(position, INT_MAX));
 }
 

@@ -71,9 +71,8 @@ std::vector<RowInfo> rowTable(bool recipe) {
         if (info.splitsToWords && info.unit > 0) maxUnit /= info.unit;
         info.pieceLimit = std::max<int64_t>(1, (maxUnit + kMaxBlockUnits) / kMaxBlockUnits);
 
-        // A bit register's recipe block carries no buffer words in a download,
-        // so its pieces all keep the offset of the entry.
-        if (recipe && !info.bitElements) info.wordsPerUnit = info.unit / 16;
+        // Recipe buffer words per unit: one per bit, one per word, two per double word.
+        if (recipe) info.wordsPerUnit = info.bitElements ? 1 : info.unit / 16;
     }
     return rows;
 }
@@ -85,7 +84,11 @@ Span toSpan(const KEY_ADDRESS& key, int position, int row, const std::vector<Row
     s.regIndex = info.listIndex;
     s.wordsPerUnit = info.wordsPerUnit;
     if (recipe) {
-        if (!info.bitElements) s.length = int64_t(double(s.length) * (16.0 / info.unit));
+        if (!info.bitElements) {
+            // A 32-bit entry of one word still names one value.
+            const int64_t units = int64_t(double(s.length) * (16.0 / info.unit));
+            s.length = (s.length > 0 && units == 0) ? 1 : units;
+        }
     } else if (info.splitsToWords) {
         // Bit address and bit count become the words that cover them:
         // bits 12.15 .. 13.2 are the two words from 12.

@@ -50,11 +50,11 @@ int intf_addConditionRead(const KEY_ADDRESS& key, int id) {
     const int transfer = regTransferBits(index);
     const bool bitName = key.reg.contains(QLatin1String("_bit"));
     int limit = key.dataType == -1 ? driver.maxBitBlockLength : driver.maxBlockLength;
-    if (transfer == 32) limit = std::max(2, limit & ~1);  // whole double words per piece
     if (key.length > 0 && limit <= 0) {
         refuse(key, "block length parameter is 0");
         return 1;
     }
+    if (transfer == 32) limit = std::max(2, limit & ~1);  // whole double words per piece
     if (key.address < 0 || static_cast<long long>(key.address) + key.length > INT_MAX) {
         refuse(key, "address outside the register");
         return 1;

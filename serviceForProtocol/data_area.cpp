@@ -86,7 +86,13 @@ int countPendingWrites(int station, const QString& reg, int address, int len) {
     return count;
 }
 
+bool reinitialised(uint32_t epoch) {
+    return driver.initEpoch != epoch;
+}
+
 void saveWords(int station, const UnitRegister& r, int address, int len, const unsigned char* data) {
+    // A callback that re-initialises the driver ends this store.
+    const uint32_t epoch = driver.initEpoch;
     if (len > DATA_MAX_WORDS || !unitRangeFits(address, len)) return;
     for (int i = 0; i < len; ++i) {
         const int idx = dataAreaEntry(station, r, address + i);
@@ -97,6 +103,7 @@ void saveWords(int station, const UnitRegister& r, int address, int len, const u
             int oldValue = uchar2int16(shown[0], shown[1]);
             int newValue = uchar2int16(b0, b1);
             _wordDataChange(&oldValue, &newValue, idx, 0);
+            if (reinitialised(epoch)) return;
         }
         _DATA_* e = dataAreaAt(idx);
         if (!e) continue;
@@ -107,6 +114,8 @@ void saveWords(int station, const UnitRegister& r, int address, int len, const u
 }
 
 void saveDwords(int station, const UnitRegister& r, int address, int len, const unsigned char* data) {
+    // A callback that re-initialises the driver ends this store.
+    const uint32_t epoch = driver.initEpoch;
     if (len > DATA_MAX_WORDS) return;
     const int units = len / 2;
     if (units <= 0 || !unitRangeFits(address, units)) return;
@@ -116,7 +125,10 @@ void saveDwords(int station, const UnitRegister& r, int address, int len, const 
         const unsigned char* shown = shownValue(driver.dataArea.at(idx));
         int newValue = uchar2int32(in[0], in[1], in[2], in[3]);
         int oldValue = uchar2int32(shown[0], shown[1], shown[2], shown[3]);
-        if (newValue != oldValue) _dwordDataChange(&oldValue, &newValue, idx, 0);
+        if (newValue != oldValue) {
+            _dwordDataChange(&oldValue, &newValue, idx, 0);
+            if (reinitialised(epoch)) return;
+        }
         _DATA_* e = dataAreaAt(idx);
         if (!e) continue;
         for (int b = 0; b < 4; ++b) e->writeValue[b] = in[b];
@@ -125,12 +137,16 @@ void saveDwords(int station, const UnitRegister& r, int address, int len, const 
 }
 
 void saveBits(int station, const UnitRegister& r, int address, int len, const unsigned char* data) {
+    // A callback that re-initialises the driver ends this store.
+    const uint32_t epoch = driver.initEpoch;
     if (len > DATA_MAX_BITS || !unitRangeFits(address, len)) return;
     for (int i = 0; i < len; ++i) {
         const int idx = dataAreaEntry(station, r, address + i);
         // Bit units report every change of their own, monitored or not.
-        if (data[i] != shownValue(driver.dataArea.at(idx))[0])
+        if (data[i] != shownValue(driver.dataArea.at(idx))[0]) {
             reportValueChange(station, r.name, address + i);
+            if (reinitialised(epoch)) return;
+        }
         _DATA_* e = dataAreaAt(idx);
         if (!e) continue;
         e->writeValue[0] = data[i];
@@ -139,6 +155,8 @@ void saveBits(int station, const UnitRegister& r, int address, int len, const un
 }
 
 void saveBitsInWords(int station, const UnitRegister& r, int address, int len, const unsigned char* data) {
+    // A callback that re-initialises the driver ends this store.
+    const uint32_t epoch = driver.initEpoch;
     if (len > DATA_MAX_BITS || address < 0 || !unitRangeFits(address, len)) return;
     int pendingCount = -1;
     for (int i = 0; i < len; ++i) {
@@ -154,6 +172,7 @@ void saveBitsInWords(int station, const UnitRegister& r, int address, int len, c
             int oldValue = uchar2int16(shown[0], shown[1]);
             int newValue = k == 1 ? uchar2int16(shown[0], newByte) : uchar2int16(newByte, shown[1]);
             _wordDataChange(&oldValue, &newValue, idx, 0);
+            if (reinitialised(epoch)) return;
         }
         _DATA_* e = dataAreaAt(idx);
         if (!e) continue;

@@ -8,6 +8,10 @@
 
 #include <cstdint>
 
+namespace {
+constexpr int MULTI_COPY_MAX = 1 << 21;
+}
+
 int intf_multiCopy(QString reg, int start, int count, int step, QVector<QString>& texts,
                    QVector<int>& addresses) {
     const int row = getIndexFromRegName(reg);
@@ -16,6 +20,9 @@ int intf_multiCopy(QString reg, int start, int count, int step, QVector<QString>
     const QString maxText = QString::fromLatin1(ADDRESS_RANGE_PRO[row][REG_COL_MAX]);
     int maxAddress = 0;
     a2i(maxText, maxAddress, format, reg);
+    // More copies than the largest register has addresses can only repeat its
+    // highest address; refusing them keeps a stray count from exhausting memory.
+    if (count > MULTI_COPY_MAX) return 2;
     return multiCp(reg, format, start, count, step, texts, addresses, maxAddress, maxText);
 }
 

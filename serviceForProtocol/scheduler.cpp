@@ -82,6 +82,12 @@ int intf_getSendFrame(FRAME_PRO* out) {
                 endRecipeRequest(wanted);
                 continue;
             }
+            const QString& blockReg = driver.rcpBlockList.at(driver.rcpFrameIndex).reg;
+            if (wanted == 5 && (blockReg == QLatin1String("T") || blockReg == QLatin1String("C"))) {
+                // Contacts cannot be written: a download passes over them.
+                if (++driver.rcpFrameIndex >= blocks) endRecipeRequest(wanted);
+                continue;
+            }
             driver.state = wanted;
             rcpAddrToVar(driver.rcpBlockList.at(driver.rcpFrameIndex), driver.currentVar,
                          wanted == 5 ? 1 : 0);

@@ -35,8 +35,6 @@ struct Reply {
 };
 
 // Recipe entries that the outstanding recipe read covers: [first, last).
-// A change callback may re-register the recipe meanwhile: the loops over the
-// range also stop at the end of the list as it is then.
 struct RecipeRange {
     int first = 0;
     int last = 0;
@@ -137,6 +135,8 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
     if (index < 0 || count <= 0) return 0;
     const Reply d{reinterpret_cast<const unsigned char*>(reply.constData()), reply.size(), offset};
     const RecipeRange recipe = recipeRange();
+    // A copy: the change callback may register another recipe under us.
+    const QVector<_RCP_VAR_PRO> recipeEntries = driver.rcpVarList;
     const int transfer = regTransferBits(index);
     const int station = var.station;
     const uint32_t epoch = driver.initEpoch;
@@ -158,8 +158,8 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
             driver.dataArea[at].readValue[0] = bit;
         }
         // Bit-register recipe entries: one buffer word per bit.
-        for (int k = recipe.first; k < recipe.last && k < driver.rcpVarList.size(); ++k) {
-            const _RCP_VAR_PRO e = driver.rcpVarList.at(k);
+        for (int k = recipe.first; k < recipe.last; ++k) {
+            const _RCP_VAR_PRO e = recipeEntries.at(k);
             const Span span = elementsWithin(e.address, e.length, var.address, var.address + 0LL + count);
             for (long long j = span.begin; j < span.end; ++j) {
                 const long long element = static_cast<long long>(e.address) + j - var.address;
@@ -198,8 +198,8 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
             driver.dataArea[at].readValue[0] = d[2LL * i + 1];
             driver.dataArea[at].readValue[1] = d[2LL * i];
         }
-        for (int k = recipe.first; k < recipe.last && k < driver.rcpVarList.size(); ++k) {
-            const _RCP_VAR_PRO e = driver.rcpVarList.at(k);
+        for (int k = recipe.first; k < recipe.last; ++k) {
+            const _RCP_VAR_PRO e = recipeEntries.at(k);
             const Span span = bitName ? elementsWithin(e.address, e.length, base * 16, (base + count) * 16)
                                       : elementsWithin(e.address, e.length, base, base + count);
             for (long long j = span.begin; j < span.end; ++j) {
@@ -244,8 +244,8 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
             driver.dataArea[at].readValue[b] = static_cast<unsigned char>(v >> (8 * b));
     }
     // Every value of a 32-bit entry: length / 2 values (at least one), two buffer words each.
-    for (int k = recipe.first; k < recipe.last && k < driver.rcpVarList.size(); ++k) {
-        const _RCP_VAR_PRO e = driver.rcpVarList.at(k);
+    for (int k = recipe.first; k < recipe.last; ++k) {
+        const _RCP_VAR_PRO e = recipeEntries.at(k);
         const long long values = std::max(1, e.length / 2);
         const Span span = elementsWithin(e.address, values, var.address, var.address + 0LL + count);
         for (long long j = span.begin; j < span.end; ++j) {

@@ -120,6 +120,7 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
     }
 
     const bool readOnly = reg == QLatin1String("T") || reg == QLatin1String("C");
+    const uint32_t epoch = driver.initEpoch;
     if (!driver.localWriteOnly && !readOnly) {
         int limit = elementBits == 1 ? driver.maxBitBlockLength : driver.maxBlockLength;
         if (limit <= 0) {
@@ -151,6 +152,7 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
                 qDebug() << "addVarToList" << item.station << item.reg << item.address << item.length
                          << transfer / 8;
                 queueAndReport(item);
+                if (driver.initEpoch != epoch) return 1;  // re-initialised from the callback
             }
         } else {
             QList<KEY_ADDRESS> pieces;
@@ -168,11 +170,13 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
                 std::memcpy(item.data, piece.values, sizeof item.data);
                 qDebug() << "addVarToList" << item.station << item.reg << item.address << item.length;
                 queueAndReport(item);
+                if (driver.initEpoch != epoch) return 1;  // re-initialised from the callback
             }
         }
     }
 
     write_saveDataToArea(station, reg, address, length, data);
+    if (driver.initEpoch != epoch) return 1;
     if (readOnly && !driver.localWriteOnly) {
         // The controller's contacts cannot be written: the value just shown
         // is withdrawn at once, and the screen is told.

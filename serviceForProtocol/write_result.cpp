@@ -101,26 +101,30 @@ void _write_FailOrSuc(int station, QString reg, int address, int len, int result
     }
 }
 
+// A monitored key has no buffer behind it: it may span a whole register
+// (1048576 bits of "DM_bit" is the largest), but no more.
+enum { MONITOR_MAX_UNITS = 1 << 21 };
+
 int _setDataAreaMonitorFlag(int station, QString reg, int address, int len) {
     UnitRegister r;
     if (!resolveUnitRegister(reg, r) || len <= 0) return 0;
     switch (r.kind) {
         case UNIT_WORD:
-            if (len > DATA_MAX_WORDS || !unitRangeFits(address, len)) break;
+            if (len > MONITOR_MAX_UNITS || !unitRangeFits(address, len)) break;
             for (int i = 0; i < len; ++i) setMonitorFlag(dataAreaEntry(station, r, address + i));
             break;
         case UNIT_DWORD: {
             const int units = len / 2;
-            if (len > DATA_MAX_WORDS || units == 0 || !unitRangeFits(address, units)) break;
+            if (len > MONITOR_MAX_UNITS || units == 0 || !unitRangeFits(address, units)) break;
             for (int i = 0; i < units; ++i) setMonitorFlag(dataAreaEntry(station, r, address + i));
             break;
         }
         case UNIT_BIT:
-            if (len > DATA_MAX_BITS || !unitRangeFits(address, len)) break;
+            if (len > MONITOR_MAX_UNITS || !unitRangeFits(address, len)) break;
             for (int i = 0; i < len; ++i) setMonitorFlag(dataAreaEntry(station, r, address + i));
             break;
         case UNIT_BIT_IN_WORD:
-            if (len > DATA_MAX_BITS || address < 0 || !unitRangeFits(address, len)) break;
+            if (len > MONITOR_MAX_UNITS || address < 0 || !unitRangeFits(address, len)) break;
             for (int i = 0; i < len; ++i) {
                 const int b = address + i;
                 _DATA_* e = dataAreaAt(dataAreaEntry(station, r, b / 16));

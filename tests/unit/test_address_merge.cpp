@@ -288,8 +288,8 @@ TEST_F(AddressMerge, LongRecipeKeyPiecesShareTheKeysIndexAndAdvanceTheOffset) {
     out = recipe({key(0, "DM_bit", 16, 300, 4)});
     EXPECT_EQ(blocksOf(out),
               (std::vector<Block>{{0, "DM_bit", 16, 128}, {0, "DM_bit", 144, 128}, {0, "DM_bit", 272, 44}}));
-    EXPECT_EQ(out[1].recipeOffset, 4);
-    EXPECT_EQ(out[2].recipeOffset, 4);
+    EXPECT_EQ(out[1].recipeOffset, 132);  // one buffer word per bit
+    EXPECT_EQ(out[2].recipeOffset, 260);
 }
 
 TEST_F(AddressMerge, RecipeKeyStartingInsideALongKeysRestIsPlacedByItsAddress) {

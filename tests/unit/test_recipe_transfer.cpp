@@ -96,29 +96,88 @@ TEST_F(RecipeTransfer, UploadFillsTheBufferWhereTheRuntimeLooks) {
     EXPECT_EQ(announced, 315);
 }
 
-// The runtime drops its recipe from inside the report of the first uploaded
-// word: the rest of the block is no longer the driver's to fill.
-void dropRecipeOnFirstWord(int context, int, const QString& name, int) {
-    if (context != 0 || name != QLatin1String("RWI")) return;
-    QVector<_RCP_VAR_PRO> none;
-    intf_setRcpAddress(none);
+}  // namespace
+
+namespace {
+
+class RecipeEdges : public RuntimeFixture {
+protected:
+    void SetUp() override {
+        RuntimeFixture::SetUp();
+        runLoop(plc, 5);
+    }
+    static _RCP_VAR_PRO entry(const char* reg, int address, int length, int offset) {
+        _RCP_VAR_PRO e;
+        e.protocolId = 1;
+        e.station = 1;
+        e.reg = QString::fromLatin1(reg);
+        e.address = address;
+        e.length = length;
+        e.bufferOffset = offset;
+        return e;
+    }
+    void run(bool download) {
+        if (download)
+            requestRecipeWrite(true);
+        else
+            requestRecipeRead(true);
+        for (int i = 0; i < 600 && (download ? recipeWriteByte() : recipeReadByte()); ++i) runLoop(plc, 1);
+    }
+    KvResponder plc;
+};
+
+TEST_F(RecipeEdges, LongBitEntriesDownloadEveryBitFromItsOwnWord) {
+    QVector<_RCP_VAR_PRO> entries{entry("R", 0, 200, 0), entry("DM_bit", 1600, 200, 200)};
+    ASSERT_EQ(intf_setRcpAddress(entries), 2);
+    for (int j = 0; j < 400; ++j) recipe[j] = (j * 7) % 3 == 0;
+    run(true);
+    for (int j = 0; j < 200; ++j) ASSERT_EQ(plc.bit(0, j), recipe[j] != 0) << j;
+    for (int j = 0; j < 200; ++j) {
+        const int b = 1600 + j;
+        ASSERT_EQ((plc.word(6, b / 16) >> (b % 16)) & 1, recipe[200 + j]) << j;
+    }
 }
 
-TEST_F(RecipeTransfer, RecipeDroppedFromTheCallbackMidBlockEndsTheUpload) {
-    QVector<_RCP_VAR_PRO> pair;
-    pair.append(entry("DM", 10, 2, 0));
-    pair.append(entry("DM", 12, 2, 2));  // same block as the first
-    ASSERT_EQ(intf_setRcpAddress(pair), 2);
-    for (int w = 0; w < 4; ++w) plc.setWord(6, 10 + w, static_cast<uint16_t>(0x100 + w));
-    for (int w = 0; w < 4; ++w) recipe[w] = 0xAAAA;
-    intf_setAddrValueChangeCallBack(dropRecipeOnFirstWord);
+TEST_F(RecipeEdges, ContactsAreSkippedInADownloadAndAOneWordTimerEntryHoldsOneValue) {
+    QVector<_RCP_VAR_PRO> entries{entry("T", 0, 1, 0), entry("DM", 100, 1, 1), entry("TC", 5, 1, 2),
+                                  entry("Z", 1, 2, 4)};
+    ASSERT_EQ(intf_setRcpAddress(entries), 4);
+    recipe[1] = 0x1234;
+    recipe[2] = 7;
+    recipe[4] = 9;
+    run(true);
+    EXPECT_EQ(recipeWriteByte(), 0);
+    EXPECT_EQ(plc.word(6, 100), 0x1234);
+    EXPECT_EQ(plc.timer(2, 5).current, 7u);
+    EXPECT_EQ(plc.dword(48, 1), 9u);
+}
 
-    transfer(false);
+TEST_F(RecipeEdges, RecipeReplacedFromTheCallbackDuringAnUpload) {
+    QVector<_RCP_VAR_PRO> entries{entry("DM", 100, 3, 0)};
+    ASSERT_EQ(intf_setRcpAddress(entries), 1);
+    intf_setAddrValueChangeCallBack([](int, int, const QString& name, int) {
+        if (name == "RWI") {
+            QVector<_RCP_VAR_PRO> none;
+            intf_setRcpAddress(none);  // empties the recipe entries under the parser
+        }
+    });
+    run(false);
+    EXPECT_EQ(recipeReadByte(), 0);
+}
 
-    EXPECT_EQ(recipe[0], 0x100);
-    EXPECT_EQ(recipe[2], 0xAAAA);
-    EXPECT_EQ(recipe[3], 0xAAAA);
-    EXPECT_TRUE(driver.rcpVarList.isEmpty());
+TEST_F(RecipeEdges, ReinitialisedFromTheCallbackDuringAWrite) {
+    intf_setAddrValueChangeCallBack([](int, int, const QString&, int) {
+        static unsigned char shm2[60117];
+        static unsigned short recipe2[16];
+        static QMutex m2;
+        int status;
+        intf_initProperty(shm2, nullptr, recipe2, &status, "1#0#0#3#10", &m2);
+    });
+    std::vector<unsigned char> bits(16, 1);
+    QString r = QStringLiteral("R");
+    intf_setData(1, &r, 0, 16, bits.data(), 1);  // the first bit's report re-initialises
+    EXPECT_TRUE(driver.dataArea.size() <= 1);
+    intf_setAddrValueChangeCallBack(nullptr);
 }
 
 }  // namespace

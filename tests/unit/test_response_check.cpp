@@ -196,7 +196,7 @@ TEST_F(ResponseCheck, DataStartPosition) {
     driver.readFrameCount = 1;
     EXPECT_EQ(allMix_GetDataStartPosition(QByteArray(), QList<VARIABLE>(), 3), 13);
     EXPECT_EQ(allMix_GetDataStartPosition(QByteArray(), QList<VARIABLE>(), 0), 9);
-    EXPECT_EQ(allMix_GetDataStartPosition(QByteArray(), QList<VARIABLE>(), -2), 9);
+    EXPECT_EQ(allMix_GetDataStartPosition(QByteArray(), QList<VARIABLE>(), -2), 1);  // min(1, -2) blocks
     driver.readFrameCount = 3;
     EXPECT_EQ(allMix_GetDataStartPosition(QByteArray(), QList<VARIABLE>(), 2), 17);
     driver.frameIndex = 1;

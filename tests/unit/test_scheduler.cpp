@@ -238,9 +238,9 @@ TEST_F(RecipeScheduling, UnframeableBlockFailsTheTransfer) {
     QVector<_RCP_VAR_PRO> entries(1);
     entries[0].protocolId = 1;
     entries[0].station = 1;
-    entries[0].reg = QStringLiteral("TC");
+    entries[0].reg = QStringLiteral("XX");  // no frame can name it
     entries[0].address = 5;
-    entries[0].length = 1;  // halves to 0 double words
+    entries[0].length = 1;
     ASSERT_EQ(intf_setRcpAddress(entries), 1);
     requestRecipeRead(true);
     EXPECT_EQ(label(serve()), "DM100");

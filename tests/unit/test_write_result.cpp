@@ -200,8 +200,8 @@ TEST_F(WriteResult, BadInputChangesNothing) {
         int address;
         int len;
     } cases[] = {
-        {"XX", 0, 1},      {"DM", 0, 0},           {"DM", 0, -3},      {"DM", 0, 513},     {"R", 0, 1025},
-        {"DM_bit", -1, 1}, {"DM_bit", INT_MAX, 2}, {"DM", INT_MAX, 2}, {"TC", INT_MAX, 4}, {"B", INT_MAX, 2},
+        {"XX", 0, 1},           {"DM", 0, 0},       {"DM", 0, -3},      {"DM_bit", -1, 1},
+        {"DM_bit", INT_MAX, 2}, {"DM", INT_MAX, 2}, {"TC", INT_MAX, 4}, {"B", INT_MAX, 2},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(_setDataAreaMonitorFlag(1, c.reg, c.address, c.len), 0);
@@ -210,8 +210,14 @@ TEST_F(WriteResult, BadInputChangesNothing) {
         EXPECT_TRUE(driver.dataArea.isEmpty()) << c.reg << " " << c.address << " " << c.len;
     }
     _write_FailOrSuc(1, "TC", 0, 257, 0);  // more dwords than one request holds
+    _write_FailOrSuc(1, "DM", 0, 513, 0);
+    _write_FailOrSuc(1, "R", 0, 1025, 0);
     EXPECT_TRUE(driver.dataArea.isEmpty());
     EXPECT_TRUE(calls().empty());
+    // A monitored key has no buffer: it may be longer than any write.
+    _setDataAreaMonitorFlag(1, "DM", 0, 600);
+    EXPECT_EQ(driver.dataArea.size(), 600);
+    EXPECT_EQ(entry(1, "DM", 599).monitorFlags, 1u);
 }
 
 }  // namespace

@@ -1,40 +1,106 @@
-// kv3000-host: plays the HMI runtime. For now it loads the driver as a
-// runtime would and prints its identity.
-#include "kv3000_intf.h"
+// kv3000-host: the reference HMI runtime. Loads the driver with dlopen, runs
+// the communication loop over TCP, a serial line or an embedded simulator,
+// and carries out one command.
+#include "commands.h"
+#include "driver_loader.h"
+#include "options.h"
+#include "output.h"
+#include "session.h"
 
 #include <QCoreApplication>
-#include <QFileInfo>
-#include <QTextStream>
 
-#include <dlfcn.h>
+#include <signal.h>
 
+#include <atomic>
 #include <cstdio>
+
+namespace {
+
+std::atomic<bool> gStop{false};
+bool gTraceDriver = false;
+
+void onSignal(int) {
+    gStop = true;
+}
+
+// The driver's progress lines go to the Qt debug output; they are shown
+// only with --trace.
+void messageHandler(QtMsgType type, const QMessageLogContext&, const QString& message) {
+    if (type == QtDebugMsg || type == QtInfoMsg) {
+        if (gTraceDriver) kvhost::printLine(QStringLiteral("   driver: ") + message);
+        return;
+    }
+    std::fprintf(stderr, "kv3000-host: qt: %s\n", message.toLocal8Bit().constData());
+}
+
+int usage(const QString& why) {
+    kvhost::printError(why);
+    std::fprintf(stderr, "Try 'kv3000-host --help'.\n");
+    return 2;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    const QString libPath = QCoreApplication::applicationDirPath() + QStringLiteral("/../libkv_3000.so");
-    void* lib = dlopen(QFileInfo(libPath).absoluteFilePath().toLocal8Bit().constData(), RTLD_NOW | RTLD_LOCAL);
-    if (!lib) {
-        std::fprintf(stderr, "kv3000-host: cannot load the driver: %s\n", dlerror());
+    using namespace kvhost;
+
+    CommandLine cl;
+    QString why;
+    if (!parseCommandLine(QCoreApplication::arguments(), cl, &why)) return usage(why);
+    if (cl.help) {
+        std::fputs(helpText(), stdout);
+        return 0;
+    }
+    gTraceDriver = cl.host.trace;
+    qInstallMessageHandler(messageHandler);
+
+    const std::string driverPath =
+        cl.driverPath.empty() ? defaultDriverPath(QCoreApplication::applicationDirPath().toStdString())
+                              : cl.driverPath;
+    static DriverApi api;
+    std::string error;
+    if (!loadDriver(driverPath, api, &error)) {
+        printError(error);
         return 1;
     }
-    auto getVersion = reinterpret_cast<QString (*)()>(dlsym(lib, "intf_getVersion"));
-    auto getParameter = reinterpret_cast<void (*)(QString&)>(dlsym(lib, "intf_getDriverParameter"));
-    auto getRegList = reinterpret_cast<int (*)(int, QList<QString>&)>(dlsym(lib, "intf_getRegListByType"));
-    if (!getVersion || !getParameter || !getRegList) {
-        std::fprintf(stderr, "kv3000-host: the driver lacks an intf_ export\n");
+    const Catalogue catalogue(api);
+    if (cl.command == QLatin1String("info")) return runInfo(api, catalogue);
+
+    PreparedCommand prepared;
+    if (!prepareCommand(cl, catalogue, api, prepared, &why)) {
+        printError(why);
+        return 2;
+    }
+
+    struct sigaction sa {};
+    sa.sa_handler = onSignal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    Session session(api, cl.host);
+    if (!session.start(&error)) {
+        printError(error);
         return 1;
     }
-    QTextStream out(stdout);
-    QString parameter;
-    getParameter(parameter);
-    QList<QString> bits, words;
-    getRegList(0, bits);
-    getRegList(1, words);
-    out << "driver:     " << libPath << "\n"
-        << "version:    " << getVersion() << "\n"
-        << "parameters: " << parameter << "\n"
-        << "bit registers:  " << QStringList(bits).join(QLatin1Char(' ')) << "\n"
-        << "word registers: " << QStringList(words).join(QLatin1Char(' ')) << "\n";
-    return 0;
+    session.setStopFlag(&gStop);
+
+    int status = 0;
+    const QString& cmd = cl.command;
+    if (cmd == QLatin1String("watch"))
+        status = runWatch(session, prepared, cl.forSeconds);
+    else if (cmd == QLatin1String("read"))
+        status = runRead(session, prepared);
+    else if (cmd == QLatin1String("write"))
+        status = runWrite(session, prepared);
+    else if (cmd == QLatin1String("recipe-download"))
+        status = runRecipeDownload(session, prepared);
+    else if (cmd == QLatin1String("recipe-upload"))
+        status = runRecipeUpload(session, prepared);
+    else
+        status = runDemo(session, catalogue);
+    session.printSummary();
+    return status;
 }

@@ -1,0 +1,57 @@
+# Documented messages and exit codes: help, info, bad addresses and values
+# (exit 2, nothing sent), unreachable peers and a missing driver (exit 1).
+source "$(dirname "$0")/lib.sh" "$@"
+
+expect_exit 0 "$HOST" --help
+for section in NAME SYNOPSIS DESCRIPTION OPTIONS COMMANDS ADDRESSES "EXIT STATUS" EXAMPLES; do
+    grep -q "^$section\$" "$WORK/out" || fail "--help has no $section section"
+done
+
+expect_exit 0 "$HOST" info
+expect_in "$WORK/out" "version:        2.0.0.0"
+expect_in "$WORK/out" "parameters:     0,9600,8,EVEN,1,0,0,192.168.1.100,8000,kv_3000,MR_bit"
+expect_in "$WORK/out" "registers (28):"
+expect_in "$WORK/out" "  TC       DDDD       0      9999       32-bit  read/write"
+expect_in "$WORK/out" "  T        DDDD       0      9999       bit     read only"
+
+# A simulator that counts requests shows that refused commands send nothing.
+sim_start --listen 127.0.0.1:0
+T="--tcp 127.0.0.1:$SIM_PORT"
+expect_exit 2 "$HOST" $T read XY100
+expect_in "$WORK/err" 'XY100: unknown register "XY"'
+expect_exit 2 "$HOST" $T read DM100 DM70000
+expect_in "$WORK/err" "DM70000: out of range: DM addresses run from 0 to 65535"
+expect_exit 2 "$HOST" $T write DM100=1 T5=1
+expect_in "$WORK/err" "T5: T is read-only and cannot be written"
+expect_exit 2 "$HOST" $T read R5.x
+expect_in "$WORK/err" 'R5.x: malformed address "5.x" for R (word.bit, e.g. R10.05)'
+expect_exit 2 "$HOST" $T write DM100=65536
+expect_in "$WORK/err" "value 65536 is out of range for DM"
+expect_exit 2 "$HOST" $T watch
+expect_in "$WORK/err" "watch needs at least one address"
+expect_exit 2 "$HOST" $T frobnicate
+expect_in "$WORK/err" "unknown command 'frobnicate'"
+printf 'DM100,1\nQQ1,2\n' >"$WORK/bad.csv"
+expect_exit 2 "$HOST" $T recipe-download "$WORK/bad.csv"
+expect_in "$WORK/err" "bad.csv:2: QQ1: unknown register"
+echo stats >&7
+read -r -t 10 line <&8
+read -r -t 10 faults <&8
+case $line in "requests 0 "*"connections 0") ;; *) fail "the refused commands reached the simulator: $line" ;; esac
+sim_stop
+
+# Nobody listens on the port the simulator had.
+expect_exit 1 "$HOST" $T read DM0
+expect_in "$WORK/err" "cannot connect to tcp 127.0.0.1:$SIM_PORT: Connection refused"
+expect_exit 1 "$HOST" --serial "$WORK/no-such-tty" read DM0
+expect_in "$WORK/err" "cannot open serial $WORK/no-such-tty 9600,8,EVEN,1: No such file or directory"
+expect_exit 1 "$HOST" --driver "$WORK/none.so" info
+expect_in "$WORK/err" "cannot load the driver $WORK/none.so"
+
+# A peer that never answers: the handshake fails and the host gives up.
+sim_start --listen 127.0.0.1:0 --faults drop=1
+expect_exit 1 "$HOST" --tcp 127.0.0.1:$SIM_PORT --timeout 50 read DM0
+expect_in "$WORK/err" "read DM0 failed: no answer to the handshake from tcp 127.0.0.1:$SIM_PORT (connection failed)"
+sim_stop
+
+finish

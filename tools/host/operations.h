@@ -1,0 +1,90 @@
+// What the commands do with the driver: condition reads, writes with their
+// outcome, and watching monitored addresses.
+#ifndef KV3000_HOST_OPERATIONS_H
+#define KV3000_HOST_OPERATIONS_H
+
+#include "address.h"
+#include "session.h"
+
+#include <QString>
+
+#include <cstdint>
+#include <map>
+#include <vector>
+
+namespace kvhost {
+
+// A message of the driver, "1#DM100(5)" or "2#DM_bit100.5(1)", taken apart.
+struct FrameName {
+    int station = 0;
+    QString reg;
+    int address = 0;  // integer form (word x 16 + bit for word.bit names)
+    int length = 0;
+};
+bool parseDriverMessage(const QString& message, FrameName& out);
+
+struct ReadResult {
+    bool ok = false;
+    QString message;  // the driver's message when a frame was abandoned, or the link failure
+    std::vector<uint32_t> values;
+    Session::RunResult run = Session::RunResult::Done;
+};
+// One condition read of the whole address, then intf_getData.
+ReadResult readAddress(Session& session, const Address& address);
+
+struct WriteRequest {
+    Address address;
+    std::vector<uint32_t> values;  // one per unit
+};
+struct WriteResult {
+    bool ok = false;
+    bool confirmed = false;  // false: the link failed before the write was settled
+    QString message;
+};
+// intf_setData for each request, in batches the driver's queue holds, and
+// runs the loop until every write has left the queue (a condition read
+// queued behind them ends only after the writes). One result per request.
+std::vector<WriteResult> writeAll(Session& session, const std::vector<WriteRequest>& requests,
+                                  Session::RunResult* run);
+
+// Registers addresses with intf_addrMerge and turns the driver's change
+// reports into (unit name, value) pairs, read with intf_getData right after
+// the report.
+class Watcher {
+public:
+    struct Change {
+        const Address* address;
+        int unit;  // index within the address
+        uint32_t value;
+    };
+
+    Watcher(Session& session, std::vector<Address> addresses);
+    ~Watcher();
+    Watcher(const Watcher&) = delete;
+    Watcher& operator=(const Watcher&) = delete;
+    // Registers the addresses; returns the number of read blocks.
+    int registerAll();
+    // Reports received since the last call, each unit once, with its current
+    // value; units whose value equals the last one taken are left out.
+    std::vector<Change> takeChanges();
+    // Every watched unit with its current value.
+    std::vector<Change> snapshot();
+    const std::vector<Address>& addresses() const { return addresses_; }
+    // Cyclic read transactions seen (accepted or abandoned).
+    int cyclicReads() const { return cyclicReads_; }
+
+private:
+    void report(const QString& name, int address);
+    uint32_t valueOf(const Address& a, int unit);
+
+    Session& session_;
+    std::vector<Address> addresses_;
+    std::vector<std::pair<int, int>> pending_;  // address index, unit
+    std::map<std::pair<int, int>, uint32_t> last_;
+    int cyclicReads_ = 0;
+    int observer_ = -1;
+};
+
+}  // namespace kvhost
+
+#endif

@@ -1,0 +1,33 @@
+// The fixed command line of kv3000-host.
+#ifndef KV3000_HOST_OPTIONS_H
+#define KV3000_HOST_OPTIONS_H
+
+#include "session.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <string>
+
+namespace kvhost {
+
+struct CommandLine {
+    HostOptions host;
+    bool linkGiven = false;
+    std::string driverPath;  // empty: the default driver
+    QString command = QStringLiteral("demo");
+    QStringList args;
+    double forSeconds = 0;  // watch --for; 0 = until interrupted
+    bool help = false;
+};
+
+// arguments includes the program name first. false with a message on a
+// usage error (exit status 2).
+bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* error);
+
+// The manual page printed by --help.
+const char* helpText();
+
+}  // namespace kvhost
+
+#endif

@@ -1,0 +1,56 @@
+#include "stats.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+namespace kvhost {
+
+void Stats::record(const Exchange& ex) {
+    ++transactions_;
+    bytesSent_ += static_cast<uint64_t>(std::max(0, ex.frame ? ex.frame->sendLength : 0));
+    bytesReceived_ += static_cast<uint64_t>(ex.reply.size());
+    if (ex.timedOut) ++timeouts_;
+    if (ex.result == 8) ++retries_;
+    if (ex.result == 2) ++abandoned_;
+    if (ex.result == 1) {
+        ++accepted_;
+        if (ex.expected > 0) roundTrips_.push_back(ex.roundTrip);
+    }
+}
+
+void Stats::recordLink(LinkEvent event) {
+    if (event != LinkEvent::Connected) return;
+    if (connects_++ > 0) ++reconnects_;
+}
+
+double Stats::meanRoundTrip() const {
+    if (roundTrips_.empty()) return 0;
+    double sum = 0;
+    for (Micros r : roundTrips_) sum += static_cast<double>(r);
+    return sum / static_cast<double>(roundTrips_.size());
+}
+
+Micros Stats::percentileRoundTrip(double p) const {
+    if (roundTrips_.empty()) return 0;
+    std::vector<Micros> sorted = roundTrips_;
+    std::sort(sorted.begin(), sorted.end());
+    // Nearest rank: the smallest sample with at least p of all at or below it.
+    const size_t rank = static_cast<size_t>(std::ceil(p * static_cast<double>(sorted.size())));
+    return sorted[std::min(sorted.size(), std::max<size_t>(rank, 1)) - 1];
+}
+
+std::string Stats::summary() const {
+    char line[400];
+    std::snprintf(line, sizeof line,
+                  "summary: %llu transactions, %llu retries, %llu abandoned, %llu timeouts, %llu reconnects, "
+                  "%llu bytes sent, %llu received, round trip mean %.3f ms, p95 %.3f ms",
+                  static_cast<unsigned long long>(transactions_), static_cast<unsigned long long>(retries_),
+                  static_cast<unsigned long long>(abandoned_), static_cast<unsigned long long>(timeouts_),
+                  static_cast<unsigned long long>(reconnects_), static_cast<unsigned long long>(bytesSent_),
+                  static_cast<unsigned long long>(bytesReceived_), meanRoundTrip() / 1000.0,
+                  static_cast<double>(percentileRoundTrip(0.95)) / 1000.0);
+    return line;
+}
+
+}  // namespace kvhost
