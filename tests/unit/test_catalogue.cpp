@@ -65,14 +65,8 @@ TEST(Catalogue, EveryRowMatchesTheDeviceTable) {
         EXPECT_EQ(REG_LIST_W_AREA[i], kRows[i].writeArea);
         EXPECT_EQ(getIndexFromRegName(QString::fromLatin1(kRows[i].name)), i);
     }
-}
-
-TEST(Catalogue, NamesAreExactAndCaseSensitive) {
-    EXPECT_EQ(getIndexFromRegName(QStringLiteral("dm")), -1);
-    EXPECT_EQ(getIndexFromRegName(QStringLiteral("DM ")), -1);
-    EXPECT_EQ(getIndexFromRegName(QStringLiteral("")), -1);
-    EXPECT_EQ(getIndexFromRegName(QStringLiteral("DM_bit")), 7);
-    EXPECT_EQ(getIndexFromRegName(QStringLiteral("TRM")), 27);
+    // Names are exact and case-sensitive.
+    for (const char* name : {"dm", "DM ", "", "DM_BIT"}) EXPECT_EQ(getIndexFromRegName(name), -1) << name;
 }
 
 TEST(Catalogue, RegisterListsByType) {
@@ -80,39 +74,37 @@ TEST(Catalogue, RegisterListsByType) {
                                  "C",      "DM_bit", "TM_bit", "CM_bit", "EM_bit", "FM_bit"};
     const QList<QString> words = {"DM", "TM", "CM", "EM", "FM", "MR", "LR", "CR",
                                   "W",  "ZF", "TC", "TS", "CC", "CS", "Z",  "TRM"};
-    QList<QString> list;
-    EXPECT_EQ(intf_getRegListByType(0, list), 1);
-    EXPECT_EQ(list, bits);
-    list.clear();
-    EXPECT_EQ(intf_getRegListByType(1, list), 1);
-    EXPECT_EQ(list, words);
-    list.clear();
-    EXPECT_EQ(intf_getRegListByType(2, list), 0);
-    EXPECT_EQ(list, words);
-    list.clear();
-    EXPECT_EQ(intf_getRegListByType(-1, list), 0);
-    EXPECT_EQ(list, words);
+    // Any type but 0 lists the word registers; only 0 and 1 are known types.
+    const struct { int type, result; } cases[] = {{0, 1}, {1, 1}, {2, 0}, {-1, 0}};
+    for (const auto& c : cases) {
+        QList<QString> list;
+        EXPECT_EQ(intf_getRegListByType(c.type, list), c.result) << c.type;
+        EXPECT_EQ(list, c.type == 0 ? bits : words) << c.type;
+    }
     // The caller's list is appended to, never cleared.
-    EXPECT_EQ(intf_getRegListByType(0, list), 1);
-    EXPECT_EQ(list.size(), 28);
+    QList<QString> list = words;
+    intf_getRegListByType(0, list);
+    EXPECT_EQ(list, words + bits);
 }
 
 TEST(Catalogue, Descriptions) {
+    const struct {
+        const char* name;
+        QList<QString> description;
+    } cases[] = {
+        {"TC", {"DDDD", "0", "9999", "2", "1"}},
+        {"T", {"DDDD", "0", "9999", "0", "0"}},
+        {"DM_bit", {"DDDDD.DD", "0.0", "65535.15", "0", "1"}},
+        {"DM", {"DDDDD", "0", "65535", "1", "1"}},
+        {"XX", {}},
+    };
+    for (const auto& c : cases) {
+        QList<QString> d;
+        EXPECT_EQ(intf_getRegDiscription(c.name, d), 0);
+        EXPECT_EQ(d, c.description) << c.name;
+    }
+    // Appended, not replaced.
     QList<QString> d;
-    EXPECT_EQ(intf_getRegDiscription(QStringLiteral("TC"), d), 0);
-    EXPECT_EQ(d, (QList<QString>{"DDDD", "0", "9999", "2", "1"}));
-    d.clear();
-    intf_getRegDiscription(QStringLiteral("T"), d);
-    EXPECT_EQ(d, (QList<QString>{"DDDD", "0", "9999", "0", "0"}));
-    d.clear();
-    intf_getRegDiscription(QStringLiteral("DM_bit"), d);
-    EXPECT_EQ(d, (QList<QString>{"DDDDD.DD", "0.0", "65535.15", "0", "1"}));
-    d.clear();
-    intf_getRegDiscription(QStringLiteral("DM"), d);
-    EXPECT_EQ(d, (QList<QString>{"DDDDD", "0", "65535", "1", "1"}));
-    d.clear();
-    EXPECT_EQ(intf_getRegDiscription(QStringLiteral("XX"), d), 0);
-    EXPECT_TRUE(d.isEmpty());
     intf_getRegDiscription(QStringLiteral("W"), d);
     intf_getRegDiscription(QStringLiteral("W"), d);
     EXPECT_EQ(d, (QList<QString>{"HHH", "0", "3FF", "1", "1", "HHH", "0", "3FF", "1", "1"}));
