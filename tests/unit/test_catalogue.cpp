@@ -3,67 +3,53 @@
 #include "kv3000_catalogue.h"
 #include "kv3000_intf.h"
 
+#include <QStringList>
+
 #include <gtest/gtest.h>
 
 namespace {
 
-struct Row {
-    const char* name;
-    const char* format;
-    const char* min;
-    const char* max;
-    const char* element;
-    const char* access;
-    const char* transfer;
-    int area;
-    int writeArea;
-};
-
-// Typed in again from the device documentation, not copied from the header.
-const Row kRows[28] = {
-    {"MR_bit", "DDD.DD", "0.0", "999.15", "1", "RW", "16", 17, 17},
-    {"LR_bit", "DDD.DD", "0.0", "999.15", "1", "RW", "16", 18, 18},
-    {"CR_bit", "DDD.DD", "0.0", "999.15", "1", "RW", "16", 1, 1},
-    {"R", "DDD.DD", "0.0", "999.15", "1", "RW", "1", 0, 0},
-    {"B", "HHHH", "0", "3FFF", "1", "RW", "1", 27, 27},
-    {"T", "DDDD", "0", "9999", "1", "R", "1", 2, 2},
-    {"C", "DDDD", "0", "9999", "1", "R", "1", 3, 3},
-    {"DM_bit", "DDDDD.DD", "0.0", "65535.15", "1", "RW", "16", 6, 6},
-    {"TM_bit", "DDDDD.DD", "0.0", "9999.15", "1", "RW", "16", 8, 8},
-    {"CM_bit", "DDDDD.DD", "0.0", "65535.15", "1", "RW", "16", 7, 7},
-    {"EM_bit", "DDDDD.DD", "0.0", "65535.15", "1", "RW", "16", 23, 23},
-    {"FM_bit", "DDDDD.DD", "0.0", "65535.15", "1", "RW", "16", 25, 25},
-    {"DM", "DDDDD", "0", "65535", "16", "RW", "16", 6, 6},
-    {"TM", "DDDD", "0", "9999", "16", "RW", "16", 8, 8},
-    {"CM", "DDDDD", "0", "65535", "16", "RW", "16", 7, 7},
-    {"EM", "DDDDD", "0", "65535", "16", "RW", "16", 23, 23},
-    {"FM", "DDDDD", "0", "65535", "16", "RW", "16", 25, 25},
-    {"MR", "DDD", "0", "999", "16", "RW", "16", 17, 17},
-    {"LR", "DDD", "0", "999", "16", "RW", "16", 18, 18},
-    {"CR", "DDD", "0", "999", "16", "RW", "16", 1, 1},
-    {"W", "HHH", "0", "3FF", "16", "RW", "16", 28, 28},
-    {"ZF", "DDDDD", "0", "131071", "16", "RW", "16", 44, 44},
-    {"TC", "DDDD", "0", "9999", "32", "RW", "32", 2, 32},
-    {"TS", "DDDD", "0", "9999", "32", "RW", "32", 2, 33},
-    {"CC", "DDDD", "0", "9999", "32", "RW", "32", 3, 34},
-    {"CS", "DDDD", "0", "9999", "32", "RW", "32", 3, 35},
-    {"Z", "DD", "0", "15", "32", "RW", "32", 48, 48},
-    {"TRM", "D", "0", "7", "32", "RW", "32", 38, 38},
+// Name, format, minimum, maximum, element bits, access, transfer bits, area
+// code, write area code: typed in again from the device documentation, not
+// copied from the header.
+const char* const kRows[28] = {
+    "MR_bit DDD.DD 0.0 999.15 1 RW 16 17 17",
+    "LR_bit DDD.DD 0.0 999.15 1 RW 16 18 18",
+    "CR_bit DDD.DD 0.0 999.15 1 RW 16 1 1",
+    "R DDD.DD 0.0 999.15 1 RW 1 0 0",
+    "B HHHH 0 3FFF 1 RW 1 27 27",
+    "T DDDD 0 9999 1 R 1 2 2",
+    "C DDDD 0 9999 1 R 1 3 3",
+    "DM_bit DDDDD.DD 0.0 65535.15 1 RW 16 6 6",
+    "TM_bit DDDDD.DD 0.0 9999.15 1 RW 16 8 8",
+    "CM_bit DDDDD.DD 0.0 65535.15 1 RW 16 7 7",
+    "EM_bit DDDDD.DD 0.0 65535.15 1 RW 16 23 23",
+    "FM_bit DDDDD.DD 0.0 65535.15 1 RW 16 25 25",
+    "DM DDDDD 0 65535 16 RW 16 6 6",
+    "TM DDDD 0 9999 16 RW 16 8 8",
+    "CM DDDDD 0 65535 16 RW 16 7 7",
+    "EM DDDDD 0 65535 16 RW 16 23 23",
+    "FM DDDDD 0 65535 16 RW 16 25 25",
+    "MR DDD 0 999 16 RW 16 17 17",
+    "LR DDD 0 999 16 RW 16 18 18",
+    "CR DDD 0 999 16 RW 16 1 1",
+    "W HHH 0 3FF 16 RW 16 28 28",
+    "ZF DDDDD 0 131071 16 RW 16 44 44",
+    "TC DDDD 0 9999 32 RW 32 2 32",
+    "TS DDDD 0 9999 32 RW 32 2 33",
+    "CC DDDD 0 9999 32 RW 32 3 34",
+    "CS DDDD 0 9999 32 RW 32 3 35",
+    "Z DD 0 15 32 RW 32 48 48",
+    "TRM D 0 7 32 RW 32 38 38",
 };
 
 TEST(Catalogue, EveryRowMatchesTheDeviceTable) {
     for (int i = 0; i < 28; ++i) {
-        SCOPED_TRACE(kRows[i].name);
-        EXPECT_STREQ(REG_LIST[i], kRows[i].name);
-        EXPECT_STREQ(ADDRESS_RANGE_PRO[i][0], kRows[i].format);
-        EXPECT_STREQ(ADDRESS_RANGE_PRO[i][1], kRows[i].min);
-        EXPECT_STREQ(ADDRESS_RANGE_PRO[i][2], kRows[i].max);
-        EXPECT_STREQ(ADDRESS_RANGE_PRO[i][3], kRows[i].element);
-        EXPECT_STREQ(ADDRESS_RANGE_PRO[i][4], kRows[i].access);
-        EXPECT_STREQ(ADDRESS_RANGE_PRO[i][5], kRows[i].transfer);
-        EXPECT_EQ(REG_LIST_AREA[i], kRows[i].area);
-        EXPECT_EQ(REG_LIST_W_AREA[i], kRows[i].writeArea);
-        EXPECT_EQ(getIndexFromRegName(QString::fromLatin1(kRows[i].name)), i);
+        QStringList row = {REG_LIST[i]};
+        for (int column = 0; column < 6; ++column) row << ADDRESS_RANGE_PRO[i][column];
+        row << QString::number(REG_LIST_AREA[i]) << QString::number(REG_LIST_W_AREA[i]);
+        EXPECT_EQ(row.join(' '), kRows[i]);
+        EXPECT_EQ(getIndexFromRegName(REG_LIST[i]), i) << REG_LIST[i];
     }
     // Names are exact and case-sensitive.
     for (const char* name : {"dm", "DM ", "", "DM_BIT"}) EXPECT_EQ(getIndexFromRegName(name), -1) << name;
