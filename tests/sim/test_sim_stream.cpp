@@ -68,46 +68,40 @@ TEST(Stream, LoneAcknowledgesGetNoAnswer) {
     EXPECT_EQ(parser.pending(), 0u);
 }
 
-TEST(Stream, GarbageBeforeAFrameIsSkipped) {
-    kvsim::Memory mem;
-    const Bytes noise{0x00, 0xFF, 0x04, 0x01, 0x02, 0x01, 0x00, 0x00, 0x99};
-    kvsim::StreamParser parser;
-    const Bytes stream = concat({noise, readRequest(6, 2, 10)});
-    const auto frames = parser.feed(stream.data(), stream.size());
-    ASSERT_EQ(frames.size(), 1u);
-    EXPECT_TRUE(goodReply(kvsim::answer(mem, frames[0].data(), frames[0].size()), 15));
-    EXPECT_EQ(parser.garbageBytes(), noise.size());
-}
-
-TEST(Stream, FalseStartWithoutEndByteResynchronises) {
-    kvsim::Memory mem;
-    // 01 00 FF 02 x x y: looks like a start, but position 7 is not 04.
-    const Bytes fake{0x01, 0x00, 0xFF, 0x02, 0x10, 0x20, 0x30, 0x40};
-    const Bytes r = answersOf(mem, concat({fake, readRequest(6, 1, 0)}));
-    EXPECT_TRUE(goodReply(r, 13));
-}
-
-TEST(Stream, HalfFrameFollowedByANewRequestIsGivenUp) {
-    kvsim::Memory mem;
-    kvsim::StreamParser parser;
-    const Bytes req = readRequest(6, 1, 0);
-    // A write of 20 words cut after 10 bytes, then the host's next request.
+// Junk in front of a request: the request is found and answered, and the
+// memory a half write would have changed is left alone.
+TEST(Stream, JunkBeforeARequestIsSkippedOrGivenUp) {
     const Bytes write = wordWriteRequest(6, 100, std::vector<uint32_t>(20, 1), 2);
-    const Bytes half(write.begin(), write.begin() + 10);
-    EXPECT_TRUE(parser.feed(half.data(), half.size()).empty());
-    const auto frames = parser.feed(req.data(), req.size());
-    ASSERT_EQ(frames.size(), 1u);
-    EXPECT_TRUE(goodReply(kvsim::answer(mem, frames[0].data(), frames[0].size()), 13));
-    EXPECT_EQ(parser.abandoned(), 1u);
-    EXPECT_EQ(mem.get("DM", 100).value(), 0u);
-}
-
-TEST(Stream, HalfFrameLongerThanWhatFollowsIsGivenUp) {
-    kvsim::Memory mem;
-    // Announces 255 command bytes; the next request is complete long before.
-    const Bytes liar{0x06, 0x01, 0x00, 0xFF, 0xFF, 0x1E, 0x00};
-    const Bytes r = answersOf(mem, concat({liar, readRequest(6, 1, 0)}));
-    EXPECT_TRUE(goodReply(r, 13));
+    const struct {
+        const char* what;
+        Bytes junk;
+        int garbage, abandoned;  // -1: not looked at
+    } cases[] = {
+        {"garbage", {0x00, 0xFF, 0x04, 0x01, 0x02, 0x01, 0x00, 0x00, 0x99}, 9, 0},
+        // 01 00 FF 02 x x y: looks like a start, but position 7 is not 04.
+        {"false start without end byte", {0x01, 0x00, 0xFF, 0x02, 0x10, 0x20, 0x30, 0x40}, -1, -1},
+        // Announces 255 command bytes; the next request is complete long before.
+        {"half frame longer than what follows", {0x06, 0x01, 0x00, 0xFF, 0xFF, 0x1E, 0x00}, -1, -1},
+        // A write of 20 words cut after 10 bytes, then the host's next request.
+        {"half write", Bytes(write.begin(), write.begin() + 10), 0, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        kvsim::Memory mem;
+        kvsim::StreamParser parser;
+        const Bytes req = readRequest(6, 2, 100);
+        EXPECT_TRUE(parser.feed(c.junk.data(), c.junk.size()).empty());
+        const auto frames = parser.feed(req.data(), req.size());
+        ASSERT_EQ(frames.size(), 1u);
+        EXPECT_TRUE(goodReply(kvsim::answer(mem, frames[0].data(), frames[0].size()), 15));
+        if (c.garbage >= 0) {
+            EXPECT_EQ(parser.garbageBytes(), uint64_t(c.garbage));
+        }
+        if (c.abandoned >= 0) {
+            EXPECT_EQ(parser.abandoned(), uint64_t(c.abandoned));
+        }
+        EXPECT_EQ(mem.get("DM", 100).value(), 0u);
+    }
 }
 
 TEST(Stream, ExpireDropsAHalfFrame) {
