@@ -4,6 +4,7 @@
 #define KV3000_TEST_DATA_AREA_FIXTURE_H
 
 #include "protocol.h"
+#include "records.h"
 #include "runtime_fixture.h"
 #include "serviceForProtocol/data_area.h"
 
@@ -46,13 +47,7 @@ protected:
         return out;
     }
     static void queueWrite(int station, const char* reg, int address, int length) {
-        VARIABLE v;
-        v.station = station;
-        v.reg = QString::fromLatin1(reg);
-        v.address = address;
-        v.length = length;
-        std::lock_guard<std::mutex> lock(driver.mutex);
-        driver.writeList.append(v);
+        queueWrites({makeItem(reg, address, length, station)});
     }
     // "writeValid bitWriteFlags | readValue | writeValue", flags and bytes in hex.
     static std::string unit(int station, const char* key, int address) {

@@ -1,6 +1,7 @@
 // Write requests: cutting into items, the queueing rule, the local-only mode
 // and what is refused.
 #include "kv_responder.h"
+#include "records.h"
 #include "runtime_fixture.h"
 
 #include <vector>
@@ -22,11 +23,9 @@ protected:
         std::lock_guard<std::mutex> lock(driver.mutex);
         return driver.writeList;
     }
-    static QString shape(const QList<VARIABLE>& list) {
-        QStringList s;
-        for (const VARIABLE& v : list)
-            s << QStringLiteral("%1(%2,%3)").arg(v.reg).arg(v.address).arg(v.length);
-        return s.join(' ');
+    static void monitor(const char* reg, int address, int length) {
+        QList<KEY_ADDRESS> keys{makeKey(reg, address, length)};
+        intf_addrMerge(keys);
     }
 };
 
@@ -45,7 +44,7 @@ TEST_F(Writes, WordsAreCutByTheBlockLength) {
     DebugCapture capture;
     write("DM", 100, 10, ramp(20), 7);
     const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shape(q), "DM(100,4) DM(104,4) DM(108,2)");
+    EXPECT_EQ(shapeOf(q), "DM(100,4) DM(104,4) DM(108,2)");
     EXPECT_EQ(q[1].id, 7);
     EXPECT_EQ(q[1].data[0], 8);
     EXPECT_EQ(q[1].data[7], 15);
@@ -58,7 +57,7 @@ TEST_F(Writes, RelayBitsBecomeOneItemPerBit) {
     DebugCapture capture;
     write("R", 80, 3, {1, 0, 1});
     const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shape(q), "R(80,1) R(81,1) R(82,1)");
+    EXPECT_EQ(shapeOf(q), "R(80,1) R(81,1) R(82,1)");
     EXPECT_EQ(q[1].data[0], 0);
     EXPECT_EQ(q[2].data[0], 1);
     EXPECT_TRUE(capture.lines().contains("addVarToList 1 \"R\" 82 1 0"));
@@ -67,7 +66,7 @@ TEST_F(Writes, RelayBitsBecomeOneItemPerBit) {
 TEST_F(Writes, WaitingItemIsOverwrittenButNeverTheHead) {
     write("DM", 100, 1, {1, 0});
     write("DM", 100, 1, {2, 0});  // the head is on the wire: appended
-    EXPECT_EQ(shape(queue()), "DM(100,1) DM(100,1)");
+    EXPECT_EQ(shapeOf(queue()), "DM(100,1) DM(100,1)");
     write("DM", 100, 1, {3, 0});  // replaces the waiting one
     const QList<VARIABLE> q = queue();
     ASSERT_EQ(q.size(), 2);
@@ -78,25 +77,25 @@ TEST_F(Writes, WaitingItemIsOverwrittenButNeverTheHead) {
 TEST_F(Writes, DoubleWordRegistersHalveIntoContiguousItems) {
     initDriver("1#0#0#3#4");
     write("TC", 4, 4, ramp(8));
-    EXPECT_EQ(shape(queue()), "TC(4,2)");
+    EXPECT_EQ(shapeOf(queue()), "TC(4,2)");
     initDriver("1#0#0#3#2");
     write("TC", 4, 4, ramp(8));
     const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shape(q), "TC(4,1) TC(5,1)");
+    EXPECT_EQ(shapeOf(q), "TC(4,1) TC(5,1)");
     EXPECT_EQ(q[1].data[0], 4);
     // An odd limit would leave a double word half in two pieces: it is made even.
     initDriver("1#0#0#3#5");
     write("TC", 4, 10, ramp(20));
-    EXPECT_EQ(shape(queue()), "TC(4,2) TC(6,2) TC(8,1)");
+    EXPECT_EQ(shapeOf(queue()), "TC(4,2) TC(6,2) TC(8,1)");
 }
 
 TEST_F(Writes, PiecesNeverExceedOneFrame) {
     initDriver("1#0#0#3#500");
     write("DM", 0, 300, ramp(600));
-    EXPECT_EQ(shape(queue()), "DM(0,121) DM(121,121) DM(242,58)");
+    EXPECT_EQ(shapeOf(queue()), "DM(0,121) DM(121,121) DM(242,58)");
     initDriver("1#0#0#3#500");
     write("Z", 0, 250, ramp(500));
-    EXPECT_EQ(shape(queue()), "Z(0,60) Z(60,60) Z(120,5)");
+    EXPECT_EQ(shapeOf(queue()), "Z(0,60) Z(60,60) Z(120,5)");
 }
 
 TEST_F(Writes, BitsInWordsAreCutByTheBitLimit) {
@@ -105,7 +104,7 @@ TEST_F(Writes, BitsInWordsAreCutByTheBitLimit) {
     for (int i = 0; i < 20; ++i) bits[i] = i % 3 == 0;
     write("DM_bit", 160, 20, bits);
     const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shape(q), "DM_bit(160,16) DM_bit(176,4)");
+    EXPECT_EQ(shapeOf(q), "DM_bit(160,16) DM_bit(176,4)");
     EXPECT_EQ(q[1].data[0], bits[16]);
     EXPECT_EQ(q[1].data[2], bits[18]);
 }
@@ -113,14 +112,7 @@ TEST_F(Writes, BitsInWordsAreCutByTheBitLimit) {
 TEST_F(Writes, TheCapOverwritesTheLastItemAndSettlesIt) {
     for (int i = 0; i < 513; ++i) write("DM", i, 1, {1, 0});
     ASSERT_EQ(queue().size(), 513);
-    QList<KEY_ADDRESS> keys;
-    KEY_ADDRESS k;
-    k.station = 1;
-    k.reg = QStringLiteral("DM");
-    k.address = 512;
-    k.length = 1;
-    keys << k;
-    intf_addrMerge(keys);
+    monitor("DM", 512, 1);
     calls().clear();
     write("DM", 9999, 1, {5, 0});
     const QList<VARIABLE> q = queue();
@@ -157,7 +149,7 @@ TEST_F(Writes, RefusedRequestsChangeNothing) {
 TEST_F(Writes, ContactsAreNotQueuedAndFallBackAtOnce) {
     write("C", 3, 1, {1});
     write("DM", 9, 1, {1, 0});
-    EXPECT_EQ(shape(queue()), "DM(9,1)");
+    EXPECT_EQ(shapeOf(queue()), "DM(9,1)");
     unsigned char out = 7;
     intf_getData(1, QStringLiteral("C"), 3, 1, &out);
     EXPECT_EQ(out, 0);
@@ -173,14 +165,7 @@ protected:
 
 TEST_F(WritesEndToEnd, WrittenValueReachesTheControllerAndSurvivesTheNextRead) {
     runLoop(plc, 5);
-    QList<KEY_ADDRESS> keys;
-    KEY_ADDRESS k;
-    k.station = 1;
-    k.reg = QStringLiteral("DM");
-    k.address = 100;
-    k.length = 2;
-    keys << k;
-    intf_addrMerge(keys);
+    monitor("DM", 100, 2);
     runLoop(plc, 1);
     write("DM", 100, 2, {0x34, 0x12, 0x78, 0x56});
     unsigned char out[4];
@@ -208,14 +193,7 @@ TEST_F(WritesEndToEnd, BitWriteIntoAWordKeepsTheOtherBits) {
 
 TEST_F(WritesEndToEnd, WriteThatKeepsFailingFallsBackToTheReadValue) {
     runLoop(plc, 5);
-    QList<KEY_ADDRESS> keys;
-    KEY_ADDRESS k;
-    k.station = 1;
-    k.reg = QStringLiteral("TM");
-    k.address = 3;
-    k.length = 1;
-    keys << k;
-    intf_addrMerge(keys);
+    monitor("TM", 3, 1);
     plc.setWord(8, 3, 11);
     runLoop(plc, 1);
     write("TM", 3, 1, {99, 0});
