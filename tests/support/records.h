@@ -7,6 +7,7 @@
 
 #include <QStringList>
 
+#include <cstdint>
 #include <initializer_list>
 #include <mutex>
 
@@ -20,7 +21,8 @@ inline KEY_ADDRESS makeKey(const char* reg, int address, int length, int station
     return k;
 }
 
-inline _RCP_VAR_PRO makeEntry(const char* reg, int address, int length, int bufferOffset, int protocolId = 1) {
+inline _RCP_VAR_PRO makeEntry(const char* reg, int address, int length, int bufferOffset,
+                              int protocolId = 1) {
     _RCP_VAR_PRO e;
     e.protocolId = protocolId;
     e.station = 1;
@@ -44,6 +46,17 @@ inline VARIABLE makeItem(const char* reg, int address, int length = 1, int stati
 inline void queueWrites(std::initializer_list<VARIABLE> items) {
     std::lock_guard<std::mutex> lock(driver.mutex);
     for (const VARIABLE& v : items) driver.writeList.append(v);
+}
+
+// What intf_getData shows for one unit of station 1, low byte first: a word,
+// a double word ("TC", "Z", ...) or a bit.
+inline uint32_t shownUnit(const char* reg, int address) {
+    const QString name = QString::fromLatin1(reg);
+    const bool dword = QStringList({"TC", "TS", "CC", "CS", "Z", "TRM"}).contains(name);
+    const bool bit = name.contains(QLatin1String("_bit")) || QStringList({"R", "B", "T", "C"}).contains(name);
+    unsigned char b[4] = {};
+    intf_getData(1, name, address, dword ? 2 : 1, b);
+    return bit ? b[0] : uint32_t(b[0] | b[1] << 8 | b[2] << 16 | uint32_t(b[3]) << 24);
 }
 
 // "DM(100,4) DM(104,4)": register, address and length of each item.

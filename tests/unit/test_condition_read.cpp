@@ -77,9 +77,7 @@ TEST_F(ConditionReads, OnlyTheLastRequestIsReportedWithItsOutcome) {
     EXPECT_TRUE(calls().empty());
     runLoop(plc, 1);
     EXPECT_EQ(calls(), (std::vector<CallbackRecord>{{-1, -1, "-1", 0}}));
-    unsigned char out[2];
-    intf_getData(1, QStringLiteral("DM"), 2, 1, out);
-    EXPECT_EQ(out[0], 42);
+    EXPECT_EQ(shownUnit("DM", 2), 42u);
 
     // A failure empties the list; it is reported, with -1, only when it was the last request.
     const auto fail = [](const FRAME_PRO&, QByteArray) { return QByteArray("?"); };

@@ -142,12 +142,8 @@ TEST_F(Receive, FailedWriteIsSettledAndLeavesTheQueue) {
     EXPECT_EQ(deal("x"), 8);
     EXPECT_EQ(deal("x"), 2);
     // The written value is withdrawn and the screen told.
-    ASSERT_EQ(calls().size(), 1u);
-    EXPECT_EQ(calls()[0], (CallbackRecord{1, 1, "DM", 100}));
-    unsigned char out[2] = {9, 9};
-    intf_getData(1, dm, 100, 1, out);
-    EXPECT_EQ(out[0], 0);
-    EXPECT_EQ(out[1], 0);
+    EXPECT_EQ(calls(), (std::vector<CallbackRecord>{{1, 1, "DM", 100}}));
+    EXPECT_EQ(shownUnit("DM", 100), 0u);
     EXPECT_EQ(next().address, 101);
 }
 
@@ -229,15 +225,10 @@ TEST_F(Receive, PollingReportsAChangeInTheController) {
         {1, 1, "DM", 100}, {1, 1, "R", 37}, {1, 1, "TC", 5}, {1, 1, "MR_bit", 165}};
     for (const auto& e : expected)
         EXPECT_NE(std::find(calls().begin(), calls().end(), e), calls().end()) << e.name.toStdString();
-    unsigned char w[2], b, d[4], mb;
-    intf_getData(1, QStringLiteral("DM"), 100, 1, w);
-    intf_getData(1, QStringLiteral("R"), 37, 1, &b);
-    intf_getData(1, QStringLiteral("TC"), 5, 2, d);
-    intf_getData(1, QStringLiteral("MR_bit"), 165, 1, &mb);
-    EXPECT_EQ(w[0] + 256 * w[1], 4321);
-    EXPECT_EQ(b, 1);
-    EXPECT_EQ(d[0] + 256 * d[1] + 65536 * d[2], 123456);
-    EXPECT_EQ(mb, 1);
+    EXPECT_EQ(shownUnit("DM", 100), 4321u);
+    EXPECT_EQ(shownUnit("R", 37), 1u);
+    EXPECT_EQ(shownUnit("TC", 5), 123456u);
+    EXPECT_EQ(shownUnit("MR_bit", 165), 1u);
 }
 
 TEST_F(Receive, AnyBytesGiveADefinedResult) {

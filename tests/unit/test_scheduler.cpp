@@ -213,8 +213,7 @@ TEST_F(Scheduler, UnframeableConditionReadEndsTheRequestAsFailed) {
     FRAME_PRO f;
     EXPECT_EQ(intf_getSendFrame(&f), 0);
     EXPECT_TRUE(driver.conditionReadList.isEmpty());
-    ASSERT_EQ(calls().size(), 1u);
-    EXPECT_EQ(calls()[0], (CallbackRecord{-1, -1, "-1", -1}));
+    EXPECT_EQ(calls(), (std::vector<CallbackRecord>{{-1, -1, "-1", -1}}));
 }
 
 TEST_F(Scheduler, UnframeableCyclicBlockIsRotatedPast) {
@@ -237,9 +236,7 @@ TEST_F(Scheduler, ReRegistrationWhileABlockIsOnTheWire) {
     QByteArray reply = plc.answer(f);
     QString m;
     EXPECT_EQ(intf_dealRcvFrame(&reply, &m), 1);
-    unsigned char out[2] = {};
-    intf_getData(1, QStringLiteral("DM"), 100, 1, out);
-    EXPECT_EQ(out[0], 77);
+    EXPECT_EQ(shownUnit("DM", 100), 77u);
     // ...and the new list is read from its own head.
     EXPECT_EQ(label(serve()), "CM1");
     EXPECT_EQ(label(serve()), "EM2");

@@ -33,10 +33,7 @@ TEST_F(Writes, LocalWriteOnlyChangesOnlyTheDataArea) {
     initDriver("1#1#0#3#0");  // block length 0 does not matter: nothing is queued
     write("DM", 10, 1, {0x34, 0x12});
     EXPECT_TRUE(queue().isEmpty());
-    unsigned char out[2];
-    intf_getData(1, QStringLiteral("DM"), 10, 1, out);
-    EXPECT_EQ(out[0], 0x34);
-    EXPECT_EQ(out[1], 0x12);
+    EXPECT_EQ(shownUnit("DM", 10), 0x1234u);
 }
 
 TEST_F(Writes, WordsAreCutByTheBlockLength) {
@@ -119,11 +116,8 @@ TEST_F(Writes, TheCapOverwritesTheLastItemAndSettlesIt) {
     ASSERT_EQ(q.size(), 513);
     EXPECT_EQ(q[512].address, 9999);
     // The lost write of DM 512 falls back to the read value, and the screen is told.
-    unsigned char out[2] = {9, 9};
-    intf_getData(1, QStringLiteral("DM"), 512, 1, out);
-    EXPECT_EQ(out[0], 0);
-    ASSERT_EQ(calls().size(), 1u);
-    EXPECT_EQ(calls()[0], (CallbackRecord{1, 1, "DM", 512}));
+    EXPECT_EQ(shownUnit("DM", 512), 0u);
+    EXPECT_EQ(calls(), (std::vector<CallbackRecord>{{1, 1, "DM", 512}}));
 }
 
 TEST_F(Writes, RefusedRequestsChangeNothing) {
@@ -150,9 +144,7 @@ TEST_F(Writes, ContactsAreNotQueuedAndFallBackAtOnce) {
     write("C", 3, 1, {1});
     write("DM", 9, 1, {1, 0});
     EXPECT_EQ(shapeOf(queue()), "DM(9,1)");
-    unsigned char out = 7;
-    intf_getData(1, QStringLiteral("C"), 3, 1, &out);
-    EXPECT_EQ(out, 0);
+    EXPECT_EQ(shownUnit("C", 3), 0u);
     // Bit units report every change of what they show: the write, then its withdrawal.
     ASSERT_EQ(calls().size(), 2u);
     EXPECT_EQ(calls()[1], (CallbackRecord{1, 1, "C", 3}));
@@ -168,15 +160,12 @@ TEST_F(WritesEndToEnd, WrittenValueReachesTheControllerAndSurvivesTheNextRead) {
     monitor("DM", 100, 2);
     runLoop(plc, 1);
     write("DM", 100, 2, {0x34, 0x12, 0x78, 0x56});
-    unsigned char out[4];
-    intf_getData(1, QStringLiteral("DM"), 100, 2, out);
-    EXPECT_EQ(out[1], 0x12);  // shown at once
-    runLoop(plc, 2);          // the write, then a cyclic read
+    EXPECT_EQ(shownUnit("DM", 100), 0x1234u);  // shown at once
+    runLoop(plc, 2);                           // the write, then a cyclic read
     EXPECT_EQ(plc.word(6, 100), 0x1234);
     EXPECT_EQ(plc.word(6, 101), 0x5678);
-    intf_getData(1, QStringLiteral("DM"), 100, 2, out);
-    EXPECT_EQ(out[0], 0x34);
-    EXPECT_EQ(out[3], 0x56);
+    EXPECT_EQ(shownUnit("DM", 100), 0x1234u);
+    EXPECT_EQ(shownUnit("DM", 101), 0x5678u);
     for (const _DATA_& d : qAsConst(driver.dataArea)) EXPECT_EQ(d.writeValid, 0);
 }
 
@@ -201,11 +190,8 @@ TEST_F(WritesEndToEnd, WriteThatKeepsFailingFallsBackToTheReadValue) {
     const auto steps = runLoop(plc, 3, [](const FRAME_PRO&, QByteArray r) { return r.left(r.size() - 1); });
     ASSERT_EQ(steps.size(), 3u);
     EXPECT_EQ(steps[2].result, 2);
-    unsigned char out[2];
-    intf_getData(1, QStringLiteral("TM"), 3, 1, out);
-    EXPECT_EQ(out[0], 11);
-    ASSERT_EQ(calls().size(), 1u);
-    EXPECT_EQ(calls()[0], (CallbackRecord{1, 1, "TM", 3}));
+    EXPECT_EQ(shownUnit("TM", 3), 11u);
+    EXPECT_EQ(calls(), (std::vector<CallbackRecord>{{1, 1, "TM", 3}}));
 }
 
 }  // namespace
