@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -37,15 +38,10 @@ inline uint8_t check(const uint8_t* p, size_t n) {
 
 // 06 01 00 FF L <cmd> chk 04
 inline Bytes request(const Bytes& cmd) {
-    Bytes f(cmd.size() + 7);
-    f[0] = 0x06;
-    f[1] = 0x01;
-    f[2] = 0x00;
-    f[3] = 0xFF;
-    f[4] = static_cast<uint8_t>(cmd.size());
-    for (size_t i = 0; i < cmd.size(); ++i) f[5 + i] = cmd[i];
-    f[f.size() - 2] = check(f.data() + 3, f.size() - 5);
-    f[f.size() - 1] = 0x04;
+    Bytes f{0x06, 0x01, 0x00, 0xFF, static_cast<uint8_t>(cmd.size())};
+    for (uint8_t b : cmd) f.push_back(b);
+    f.push_back(check(f.data() + 3, f.size() - 3));
+    f.push_back(0x04);
     return f;
 }
 
@@ -163,18 +159,16 @@ inline int openRawLine(const std::string& path) {
 // Loopback client with deadlines.
 class Client {
 public:
-    explicit Client(uint16_t port) {
-        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    explicit Client(uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in a{};
         a.sin_family = AF_INET;
         a.sin_port = htons(port);
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
         const int one = 1;
-        if (fd_ >= 0) setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        if (::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0)
+            setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        else
+            ::close(std::exchange(fd_, -1));
     }
     ~Client() {
         if (fd_ >= 0) ::close(fd_);
