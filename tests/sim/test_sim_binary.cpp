@@ -109,12 +109,18 @@ TEST(Binary, ServesTcpAndStopsOnSigint) {
     EXPECT_NE(out.find("faults drop 0"), std::string::npos) << out;
 }
 
-TEST(Binary, StopsOnSigterm) {
-    Process p({"--listen=127.0.0.1:0", "--faults", "delay=0.5:10", "--seed", "3"});
-    ASSERT_NE(portOf(p.line()), 0);
-    kill(p.pid(), SIGTERM);
-    EXPECT_NE(p.rest().find("faults "), std::string::npos);
-    EXPECT_EQ(p.wait(), 0);
+TEST(Binary, StopsOnSigtermAndQuit) {
+    for (bool quit : {false, true}) {
+        Process p({"--listen=127.0.0.1:0", "--faults", "delay=0.5:10", "--seed", "3", "--live"});
+        ASSERT_NE(portOf(p.line()), 0);
+        if (quit) {
+            p.write("quit\n");
+        } else {
+            kill(p.pid(), SIGTERM);
+            EXPECT_NE(p.rest().find("faults "), std::string::npos);
+        }
+        EXPECT_EQ(p.wait(), 0) << quit;
+    }
 }
 
 TEST(Binary, ConsoleOnStdinAndStopAtItsEnd) {
@@ -142,13 +148,6 @@ TEST(Binary, ConsoleOnStdinAndStopAtItsEnd) {
     EXPECT_NE(p.rest().find("requests 1 "), std::string::npos);
 }
 
-TEST(Binary, QuitCommandStops) {
-    Process p({"--listen", "127.0.0.1:0", "--live"});
-    ASSERT_NE(portOf(p.line()), 0);
-    p.write("quit\n");
-    EXPECT_EQ(p.wait(), 0);
-}
-
 TEST(Binary, ServesThePseudoTerminal) {
     Process p({"--listen", "127.0.0.1:0", "--pty"});
     ASSERT_NE(portOf(p.line()), 0);
@@ -173,16 +172,13 @@ TEST(Binary, HelpAndBadOptions) {
                                     "--listen", "--pty", "--faults", "--seed", "--live"})
             EXPECT_NE(out.find(section), std::string::npos) << section;
     }
-    for (const std::vector<std::string>& bad :
-         std::vector<std::vector<std::string>>{{"--bogus"},
-                                               {"--listen"},
-                                               {"--listen", "127.0.0.1"},
-                                               {"--listen", "127.0.0.1:70000"},
-                                               {"--faults", "jam=1"},
-                                               {"--seed", "x"}}) {
-        Process p(bad);
+    const std::vector<std::vector<std::string>> bad = {
+        {"--bogus"},           {"--listen"},   {"--listen", "127.0.0.1"}, {"--listen", "127.0.0.1:70000"},
+        {"--faults", "jam=1"}, {"--seed", "x"}};
+    for (const auto& args : bad) {
+        Process p(args);
         EXPECT_EQ(p.rest(), "");
-        EXPECT_EQ(p.wait(), 2) << bad[0];
+        EXPECT_EQ(p.wait(), 2) << args[0];
     }
 }
 
