@@ -36,28 +36,42 @@ TEST_F(Writes, LocalWriteOnlyChangesOnlyTheDataArea) {
     EXPECT_EQ(shownUnit("DM", 10), 0x1234u);
 }
 
-TEST_F(Writes, WordsAreCutByTheBlockLength) {
-    initDriver("1#0#0#3#4");
-    DebugCapture capture;
-    write("DM", 100, 10, ramp(20), 7);
-    const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shapeOf(q), "DM(100,4) DM(104,4) DM(108,2)");
-    EXPECT_EQ(q[1].id, 7);
-    EXPECT_EQ(q[1].data[0], 8);
-    EXPECT_EQ(q[1].data[7], 15);
-    EXPECT_EQ(q[2].data[0], 16);
-    EXPECT_EQ(q[2].data[3], 19);
-    EXPECT_TRUE(capture.lines().contains("addVarToList 1 \"DM\" 100 4"));
-}
-
-TEST_F(Writes, RelayBitsBecomeOneItemPerBit) {
-    DebugCapture capture;
-    write("R", 80, 3, {1, 0, 1});
-    const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shapeOf(q), "R(80,1) R(81,1) R(82,1)");
-    EXPECT_EQ(q[1].data[0], 0);
-    EXPECT_EQ(q[2].data[0], 1);
-    EXPECT_TRUE(capture.lines().contains("addVarToList 1 \"R\" 82 1 0"));
+// Items of at most the block length (8 bits per element for bits in words),
+// never more than one frame holds, double words never cut in half, relay bits
+// one per item; each item with the request's id and its own part of the values.
+TEST_F(Writes, RequestsAreCutIntoItems) {
+    const struct {
+        const char *parameters, *reg;
+        int address, length, unitBytes;
+        const char *items, *debugLine;
+    } cases[] = {
+        {"1#0#0#3#4", "DM", 100, 10, 2, "DM(100,4) DM(104,4) DM(108,2)", "addVarToList 1 \"DM\" 100 4"},
+        {"1#0#0#3#10", "R", 80, 3, 1, "R(80,1) R(81,1) R(82,1)", "addVarToList 1 \"R\" 82 1 0"},
+        {"1#0#0#3#4", "TC", 4, 4, 4, "TC(4,2)", nullptr},
+        {"1#0#0#3#2", "TC", 4, 4, 4, "TC(4,1) TC(5,1)", nullptr},
+        {"1#0#0#3#5", "TC", 4, 10, 4, "TC(4,2) TC(6,2) TC(8,1)", nullptr},
+        {"1#0#0#3#500", "DM", 0, 300, 2, "DM(0,121) DM(121,121) DM(242,58)", nullptr},
+        {"1#0#0#3#500", "Z", 0, 250, 4, "Z(0,60) Z(60,60) Z(120,5)", nullptr},
+        {"1#0#0#3#2", "DM_bit", 160, 20, 1, "DM_bit(160,16) DM_bit(176,4)", nullptr},
+    };
+    const std::vector<unsigned char> values = ramp(1024);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.parameters) + " " + c.reg);
+        initDriver(c.parameters);
+        DebugCapture capture;
+        write(c.reg, c.address, c.length, values, 7);
+        const QList<VARIABLE> q = queue();
+        EXPECT_EQ(shapeOf(q), c.items);
+        for (const VARIABLE& v : q) {
+            EXPECT_EQ(v.id, 7);
+            const int at = (v.address - c.address) * c.unitBytes;
+            for (int b = 0; b < v.length * c.unitBytes; ++b)
+                ASSERT_EQ(v.data[b], values[at + b]) << v.address;
+        }
+        if (c.debugLine) {
+            EXPECT_TRUE(capture.lines().contains(c.debugLine));
+        }
+    }
 }
 
 TEST_F(Writes, WaitingItemIsOverwrittenButNeverTheHead) {
@@ -69,41 +83,6 @@ TEST_F(Writes, WaitingItemIsOverwrittenButNeverTheHead) {
     ASSERT_EQ(q.size(), 2);
     EXPECT_EQ(q[0].data[0], 1);
     EXPECT_EQ(q[1].data[0], 3);
-}
-
-TEST_F(Writes, DoubleWordRegistersHalveIntoContiguousItems) {
-    initDriver("1#0#0#3#4");
-    write("TC", 4, 4, ramp(8));
-    EXPECT_EQ(shapeOf(queue()), "TC(4,2)");
-    initDriver("1#0#0#3#2");
-    write("TC", 4, 4, ramp(8));
-    const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shapeOf(q), "TC(4,1) TC(5,1)");
-    EXPECT_EQ(q[1].data[0], 4);
-    // An odd limit would leave a double word half in two pieces: it is made even.
-    initDriver("1#0#0#3#5");
-    write("TC", 4, 10, ramp(20));
-    EXPECT_EQ(shapeOf(queue()), "TC(4,2) TC(6,2) TC(8,1)");
-}
-
-TEST_F(Writes, PiecesNeverExceedOneFrame) {
-    initDriver("1#0#0#3#500");
-    write("DM", 0, 300, ramp(600));
-    EXPECT_EQ(shapeOf(queue()), "DM(0,121) DM(121,121) DM(242,58)");
-    initDriver("1#0#0#3#500");
-    write("Z", 0, 250, ramp(500));
-    EXPECT_EQ(shapeOf(queue()), "Z(0,60) Z(60,60) Z(120,5)");
-}
-
-TEST_F(Writes, BitsInWordsAreCutByTheBitLimit) {
-    initDriver("1#0#0#3#2");  // 16 bits per piece
-    std::vector<unsigned char> bits(20);
-    for (int i = 0; i < 20; ++i) bits[i] = i % 3 == 0;
-    write("DM_bit", 160, 20, bits);
-    const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shapeOf(q), "DM_bit(160,16) DM_bit(176,4)");
-    EXPECT_EQ(q[1].data[0], bits[16]);
-    EXPECT_EQ(q[1].data[2], bits[18]);
 }
 
 TEST_F(Writes, TheCapOverwritesTheLastItemAndSettlesIt) {
