@@ -171,14 +171,15 @@ TEST(CheckAddr, EveryResultCodeWithTheCallersInteger) {
 }
 
 TEST(CheckAddrValidity, ShortLengthDoesNotCarryAnAddressPastTheEndIntoRange) {
+    // Found by fuzzing: a length of 0 or below once let an address past the end pass.
     int a = 0;
-    EXPECT_EQ(validity("DM", "65553", -16776960, 1, &a), 2);
+    EXPECT_EQ(intf_checkAddrValidity("DM", "65553", a, -16776960, 1), 2);
     EXPECT_EQ(a, 65553);
-    EXPECT_EQ(validity("DM", "65536", 0, 1), 2);
-    EXPECT_EQ(validity("TC", "10000", 0, 1), 2);
-    EXPECT_EQ(validity("R", "1000.0", -1, 0), 2);
-    EXPECT_EQ(check("B", "4000", -1, -3, 0), 2);
-    EXPECT_EQ(check("TRM", "8", 1, 0, 0), 2);
+    EXPECT_EQ(intf_checkAddrValidity("DM", "65536", a, 0, 1), 2);
+    EXPECT_EQ(intf_checkAddrValidity("TC", "10000", a, 0, 1), 2);
+    EXPECT_EQ(intf_checkAddrValidity("R", "1000.0", a, -1, 0), 2);
+    EXPECT_EQ(intf_checkAddr("B", "4000", a, -1, -3, 0), 2);
+    EXPECT_EQ(intf_checkAddr("TRM", "8", a, 1, 0, 0), 2);
 }
 
 }  // namespace
