@@ -10,9 +10,12 @@
 // from others. The driver serialises its state with one recursive lock, so
 // the change callback (which always runs synchronously inside the driver call
 // that noticed the change) may itself call intf_getData, intf_setData and
-// intf_addConditionRead. Do not call into the driver while holding the
-// shared-memory mutex handed to intf_initProperty: the driver takes that mutex
-// only to read or clear the two recipe request bytes.
+// intf_addConditionRead. The callback runs with that lock held (never with
+// the driver's write-queue lock or the shared-memory mutex): it must not wait
+// for another thread that is itself calling into the driver. Do not call into
+// the driver while holding the shared-memory mutex handed to
+// intf_initProperty: the driver takes that mutex only to read or clear the two
+// recipe request bytes.
 //
 // Result codes
 // ------------

@@ -43,6 +43,17 @@ test)
     install_missing
     configure_build build
     ctest --test-dir build --output-on-failure -j "$JOBS" --timeout 600
+    echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
+    configure_build build-asan -DKV_SANITIZE="address;undefined" -DKV_BUILD_BENCH=OFF
+    ctest --test-dir build-asan --output-on-failure -j "$JOBS" --timeout 600 -L 'unit|sim|e2e'
+    echo "== ThreadSanitizer"
+    configure_build build-tsan -DKV_SANITIZE=thread -DKV_BUILD_BENCH=OFF -DKV_BUILD_TOOLS=ON
+    ctest --test-dir build-tsan --output-on-failure -j "$JOBS" --timeout 600 -L 'stress|unit'
+    echo "== libFuzzer harnesses, briefly"
+    cmake -S "$ROOT" -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+        -DKV_BUILD_FUZZ=ON -DKV_SANITIZE="address;undefined" -DKV_BUILD_BENCH=OFF >/dev/null
+    cmake --build build-fuzz -j "$JOBS" --target kv_fuzz
+    ctest --test-dir build-fuzz --output-on-failure -j "$JOBS" -L fuzz
     ;;
 *)
     echo "usage: scripts/dev.sh run|test" >&2

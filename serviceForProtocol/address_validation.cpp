@@ -36,6 +36,9 @@ int checkRange(int row, const QString& reg, const QString& text, int& address, i
 
     const double unitFactor = unitBits * 0.0625;
     if (address < minimum) return ADDR_OUT_OF_RANGE;
+    // The first element must exist whatever the length: a length of 0 or
+    // below would otherwise pass an address beyond the register's end.
+    if (address > maximum) return ADDR_OUT_OF_RANGE;
     if (double(length) / unitFactor + double(address) > double(maximum) + 1.0) return ADDR_OUT_OF_RANGE;
     address = addrOffset(reg, address);
     return ADDR_OK;

@@ -61,7 +61,7 @@ int intf_addConditionRead(const KEY_ADDRESS& key, int id) {
         refuse(key, "address outside the register");
         return 1;
     }
-    if (transfer == 1 && !bitName && key.length > INT_MAX / 16) {
+    if (transfer == 1 && !bitName && (key.length > INT_MAX / 16 || key.length < INT_MIN / 16)) {
         refuse(key, "length outside the register");
         return 1;
     }

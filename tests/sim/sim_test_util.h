@@ -5,16 +5,21 @@
 #define KV3000_SIM_TEST_UTIL_H
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -33,15 +38,10 @@ inline uint8_t check(const uint8_t* p, size_t n) {
 
 // 06 01 00 FF L <cmd> chk 04
 inline Bytes request(const Bytes& cmd) {
-    Bytes f(cmd.size() + 7);
-    f[0] = 0x06;
-    f[1] = 0x01;
-    f[2] = 0x00;
-    f[3] = 0xFF;
-    f[4] = static_cast<uint8_t>(cmd.size());
-    for (size_t i = 0; i < cmd.size(); ++i) f[5 + i] = cmd[i];
-    f[f.size() - 2] = check(f.data() + 3, f.size() - 5);
-    f[f.size() - 1] = 0x04;
+    Bytes f{0x06, 0x01, 0x00, 0xFF, static_cast<uint8_t>(cmd.size())};
+    for (uint8_t b : cmd) f.push_back(b);
+    f.push_back(check(f.data() + 3, f.size() - 3));
+    f.push_back(0x04);
     return f;
 }
 
@@ -110,21 +110,65 @@ inline uint32_t be32(const Bytes& r, size_t at) {
     return be16(r, at) << 16 | be16(r, at + 2);
 }
 
+// Reads from fd until n bytes arrived, the deadline passed or the other end
+// closed; `reads` counts the reads that returned bytes.
+inline Bytes readFd(int fd, size_t n, int timeoutMs = 2000, int* reads = nullptr, bool* closed = nullptr) {
+    Bytes out;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (out.size() < n) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) break;
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
+        uint8_t buf[4096];
+        const ssize_t got = ::read(fd, buf, std::min(sizeof buf, n - out.size()));
+        if (got <= 0) {
+            if (closed) *closed = true;
+            break;
+        }
+        if (reads) ++*reads;
+        out.insert(out.end(), buf, buf + got);
+    }
+    return out;
+}
+
+inline bool writeAll(int fd, const Bytes& b) {
+    size_t off = 0;
+    while (off < b.size()) {
+        const ssize_t n = ::send(fd, b.data() + off, b.size() - off, MSG_NOSIGNAL);
+        const ssize_t w = n < 0 && errno == ENOTSOCK ? ::write(fd, b.data() + off, b.size() - off) : n;
+        if (w <= 0) return false;
+        off += static_cast<size_t>(w);
+    }
+    return true;
+}
+
+// Opens a pseudo-terminal's line in raw mode; -1 on failure.
+inline int openRawLine(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios tio{};
+    if (fd < 0 || tcgetattr(fd, &tio) != 0) return fd;
+    cfmakeraw(&tio);
+    cfsetspeed(&tio, B9600);
+    tio.c_cflag |= PARENB;
+    tcsetattr(fd, TCSANOW, &tio);
+    return fd;
+}
+
 // Loopback client with deadlines.
 class Client {
 public:
-    explicit Client(uint16_t port) {
-        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    explicit Client(uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in a{};
         a.sin_family = AF_INET;
         a.sin_port = htons(port);
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
         const int one = 1;
-        if (fd_ >= 0) setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        if (::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0)
+            setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        else
+            ::close(std::exchange(fd_, -1));
     }
     ~Client() {
         if (fd_ >= 0) ::close(fd_);
@@ -133,40 +177,10 @@ public:
     Client& operator=(const Client&) = delete;
 
     bool ok() const { return fd_ >= 0; }
-    int fd() const { return fd_; }
-
-    bool send(const Bytes& b) {
-        size_t off = 0;
-        while (off < b.size()) {
-            const ssize_t n = ::send(fd_, b.data() + off, b.size() - off, MSG_NOSIGNAL);
-            if (n <= 0) return false;
-            off += static_cast<size_t>(n);
-        }
-        return true;
-    }
-
-    // Reads until n bytes arrived or the deadline passed; reads counts recv calls.
+    bool send(const Bytes& b) { return writeAll(fd_, b); }
     Bytes receive(size_t n, int timeoutMs = 2000, int* reads = nullptr, bool* closed = nullptr) {
-        Bytes out;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (out.size() < n) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0) break;
-            pollfd p{fd_, POLLIN, 0};
-            if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
-            uint8_t buf[4096];
-            const ssize_t got = ::recv(fd_, buf, std::min(sizeof buf, n - out.size()), 0);
-            if (got <= 0) {
-                if (closed) *closed = true;
-                break;
-            }
-            if (reads) ++*reads;
-            out.insert(out.end(), buf, buf + got);
-        }
-        return out;
+        return readFd(fd_, n, timeoutMs, reads, closed);
     }
-
     Bytes transact(const Bytes& req, size_t replySize, int timeoutMs = 2000) {
         if (!send(req)) return {};
         return receive(replySize, timeoutMs);

@@ -3,10 +3,8 @@
 // the end of stdin.
 #include "sim_test_util.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <termios.h>
 
 #include <cstring>
 #include <string>
@@ -19,21 +17,21 @@ using namespace simtest;
 
 namespace {
 
+// The built simulator with pipes on its stdin and stdout.
 class Process {
 public:
-    explicit Process(const std::vector<std::string>& args) {
+    explicit Process(std::vector<std::string> args) {
         int in[2], out[2];
         if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-        std::string bin = KV3000_SIM_BINARY;
-        std::vector<std::string> copy = args;
-        std::vector<char*> argv{bin.data()};
-        for (auto& a : copy) argv.push_back(a.data());
+        args.insert(args.begin(), KV3000_SIM_BINARY);
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
         pid_ = fork();
         if (pid_ == 0) {
             dup2(in[0], STDIN_FILENO);
             dup2(out[1], STDOUT_FILENO);
-            execv(bin.c_str(), argv.data());
+            execv(argv[0], argv.data());
             _exit(127);
         }
         ::close(in[0]);
@@ -42,53 +40,34 @@ public:
         stdout_ = out[0];
     }
     ~Process() {
-        if (stdin_ >= 0) ::close(stdin_);
+        closeStdin();
         if (stdout_ >= 0) ::close(stdout_);
         if (pid_ > 0 && !reaped_) {
             kill(pid_, SIGKILL);
             waitpid(pid_, nullptr, 0);
         }
     }
-
-    bool started() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
-
-    void write(const std::string& text) {
-        if (::write(stdin_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) ADD_FAILURE();
-    }
+    void write(const std::string& text) { EXPECT_TRUE(writeAll(stdin_, Bytes(text.begin(), text.end()))); }
     void closeStdin() {
-        ::close(stdin_);
+        if (stdin_ >= 0) ::close(stdin_);
         stdin_ = -1;
     }
-
     // One line from stdout, without its newline; empty after the timeout.
-    std::string line(int timeoutMs = 3000) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        for (;;) {
-            const size_t nl = buffer_.find('\n');
-            if (nl != std::string::npos) {
-                std::string l = buffer_.substr(0, nl);
-                buffer_.erase(0, nl + 1);
-                return l;
-            }
-            if (!fill(deadline)) return "";
-        }
+    std::string line() {
+        std::string l;
+        for (Bytes b; (b = readFd(stdout_, 1, 3000)).size() == 1 && b[0] != '\n';) l += char(b[0]);
+        return l;
     }
-
     // Everything until stdout closes.
-    std::string rest(int timeoutMs = 3000) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (fill(deadline)) {
-        }
-        std::string all = buffer_;
-        buffer_.clear();
+    std::string rest() {
+        std::string all;
+        for (Bytes b; !(b = readFd(stdout_, 4096, 3000)).empty();) all.append(b.begin(), b.end());
         return all;
     }
-
     // Exit status, or -1 when it did not end in time.
     int wait(int timeoutMs = 3000) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (std::chrono::steady_clock::now() < deadline) {
+        for (int waited = 0; waited < timeoutMs; waited += 10) {
             int status = 0;
             if (waitpid(pid_, &status, WNOHANG) == pid_) {
                 reaped_ = true;
@@ -100,25 +79,10 @@ public:
     }
 
 private:
-    bool fill(std::chrono::steady_clock::time_point deadline) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())
-                .count();
-        if (left <= 0) return false;
-        pollfd p{stdout_, POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(left)) <= 0) return false;
-        char buf[4096];
-        const ssize_t n = ::read(stdout_, buf, sizeof buf);
-        if (n <= 0) return false;
-        buffer_.append(buf, static_cast<size_t>(n));
-        return true;
-    }
-
     pid_t pid_ = -1;
     int stdin_ = -1;
     int stdout_ = -1;
     bool reaped_ = false;
-    std::string buffer_;
 };
 
 uint16_t portOf(const std::string& firstLine) {
@@ -129,7 +93,7 @@ uint16_t portOf(const std::string& firstLine) {
 
 TEST(Binary, ServesTcpAndStopsOnSigint) {
     Process p({"--listen", "127.0.0.1:0"});
-    ASSERT_TRUE(p.started());
+    ASSERT_GT(p.pid(), 0);
     const uint16_t port = portOf(p.line());
     ASSERT_NE(port, 0);
     {
@@ -145,12 +109,18 @@ TEST(Binary, ServesTcpAndStopsOnSigint) {
     EXPECT_NE(out.find("faults drop 0"), std::string::npos) << out;
 }
 
-TEST(Binary, StopsOnSigterm) {
-    Process p({"--listen=127.0.0.1:0", "--faults", "delay=0.5:10", "--seed", "3"});
-    ASSERT_NE(portOf(p.line()), 0);
-    kill(p.pid(), SIGTERM);
-    EXPECT_NE(p.rest().find("faults "), std::string::npos);
-    EXPECT_EQ(p.wait(), 0);
+TEST(Binary, StopsOnSigtermAndQuit) {
+    for (bool quit : {false, true}) {
+        Process p({"--listen=127.0.0.1:0", "--faults", "delay=0.5:10", "--seed", "3", "--live"});
+        ASSERT_NE(portOf(p.line()), 0);
+        if (quit) {
+            p.write("quit\n");
+        } else {
+            kill(p.pid(), SIGTERM);
+            EXPECT_NE(p.rest().find("faults "), std::string::npos);
+        }
+        EXPECT_EQ(p.wait(), 0) << quit;
+    }
 }
 
 TEST(Binary, ConsoleOnStdinAndStopAtItsEnd) {
@@ -178,37 +148,15 @@ TEST(Binary, ConsoleOnStdinAndStopAtItsEnd) {
     EXPECT_NE(p.rest().find("requests 1 "), std::string::npos);
 }
 
-TEST(Binary, QuitCommandStops) {
-    Process p({"--listen", "127.0.0.1:0", "--live"});
-    ASSERT_NE(portOf(p.line()), 0);
-    p.write("quit\n");
-    EXPECT_EQ(p.wait(), 0);
-}
-
 TEST(Binary, ServesThePseudoTerminal) {
     Process p({"--listen", "127.0.0.1:0", "--pty"});
     ASSERT_NE(portOf(p.line()), 0);
     const std::string serial = p.line();
     ASSERT_EQ(serial.rfind("serial on /dev/", 0), 0u) << serial;
-    const std::string path = serial.substr(std::strlen("serial on "));
-    const int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const int fd = openRawLine(serial.substr(std::strlen("serial on ")));
     ASSERT_GE(fd, 0);
-    termios tio{};
-    tcgetattr(fd, &tio);
-    cfmakeraw(&tio);
-    tcsetattr(fd, TCSANOW, &tio);
-    const Bytes req = readRequest(6, 1, 0);
-    ASSERT_EQ(::write(fd, req.data(), req.size()), static_cast<ssize_t>(req.size()));
-    Bytes got;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    while (got.size() < 13 && std::chrono::steady_clock::now() < deadline) {
-        pollfd pf{fd, POLLIN, 0};
-        if (::poll(&pf, 1, 100) <= 0) continue;
-        uint8_t buf[64];
-        const ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n <= 0) break;
-        got.insert(got.end(), buf, buf + n);
-    }
+    ASSERT_TRUE(writeAll(fd, readRequest(6, 1, 0)));
+    const Bytes got = readFd(fd, 13);
     ::close(fd);
     EXPECT_TRUE(goodReply(got, 13));
     kill(p.pid(), SIGINT);
@@ -224,16 +172,13 @@ TEST(Binary, HelpAndBadOptions) {
                                     "--listen", "--pty", "--faults", "--seed", "--live"})
             EXPECT_NE(out.find(section), std::string::npos) << section;
     }
-    for (const std::vector<std::string>& bad :
-         std::vector<std::vector<std::string>>{{"--bogus"},
-                                               {"--listen"},
-                                               {"--listen", "127.0.0.1"},
-                                               {"--listen", "127.0.0.1:70000"},
-                                               {"--faults", "jam=1"},
-                                               {"--seed", "x"}}) {
-        Process p(bad);
+    const std::vector<std::vector<std::string>> bad = {
+        {"--bogus"},           {"--listen"},   {"--listen", "127.0.0.1"}, {"--listen", "127.0.0.1:70000"},
+        {"--faults", "jam=1"}, {"--seed", "x"}};
+    for (const auto& args : bad) {
+        Process p(args);
         EXPECT_EQ(p.rest(), "");
-        EXPECT_EQ(p.wait(), 2) << bad[0];
+        EXPECT_EQ(p.wait(), 2) << args[0];
     }
 }
 

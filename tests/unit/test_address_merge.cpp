@@ -5,6 +5,8 @@
 #include "runtime_fixture.h"
 #include "serviceForProtocol/address_merge.h"
 
+#include <QRegularExpression>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -24,55 +26,64 @@ KEY_ADDRESS key(int station, const char* reg, int address, int length, int recip
     return k;
 }
 
-struct Block {
-    int station;
-    QString reg;
-    int address;
-    int length;
-    bool operator==(const Block& o) const {
-        return station == o.station && reg == o.reg && address == o.address && length == o.length;
+// Keys and blocks as text: "DM100x2" is register, address and length, with an
+// optional "station:" in front and "+recipeOffset" behind.
+QList<KEY_ADDRESS> keys(const char* text) {
+    static const QRegularExpression one(
+        QStringLiteral("^(?:(\\d+):)?(\\D.*?)(-?\\d+)x(-?\\d+)(?:\\+(\\d+))?$"));
+    QList<KEY_ADDRESS> out;
+    for (const QString& part : QString::fromLatin1(text).split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+        const QRegularExpressionMatch m = one.match(part);
+        EXPECT_TRUE(m.hasMatch()) << part.toStdString();
+        out << key(m.captured(1).toInt(), m.captured(2).toLatin1().constData(), m.captured(3).toInt(),
+                   m.captured(4).toInt(), m.captured(5).toInt());
     }
-};
-void PrintTo(const Block& b, std::ostream* os) {
-    *os << "(" << b.station << ", " << b.reg.toStdString() << ", " << b.address << ", " << b.length << ")";
-}
-
-std::vector<Block> blocksOf(const QList<KEY_ADDRESS>& keys) {
-    std::vector<Block> out;
-    for (const KEY_ADDRESS& k : keys) out.push_back({k.station, k.reg, k.address, k.length});
     return out;
+}
+std::string text(const QList<KEY_ADDRESS>& list, bool withOffsets = false) {
+    QStringList parts;
+    for (const KEY_ADDRESS& k : list) {
+        parts << (k.station ? QString::number(k.station) + ":" : QString()) + k.reg +
+                     QString::number(k.address) + "x" + QString::number(k.length) +
+                     (withOffsets ? "+" + QString::number(k.recipeOffset) : QString());
+    }
+    return parts.join(' ').toStdString();
 }
 
 class AddressMerge : public RuntimeFixture {
 protected:
-    std::vector<Block> merge(QList<KEY_ADDRESS> keys, int maxGap = 0) {
+    QList<KEY_ADDRESS> merge(QList<KEY_ADDRESS> list, int maxGap = 0) {
         driver.maxGap = maxGap;
-        addrMerge(keys, 1);
-        return blocksOf(keys);
+        addrMerge(list, 1);
+        return list;
     }
-    QList<KEY_ADDRESS> recipe(QList<KEY_ADDRESS> keys) {
+    QList<KEY_ADDRESS> recipe(QList<KEY_ADDRESS> list) {
         driver.rcpFirstIndex.clear();
-        addrMerge(keys, 2);
-        return keys;
-    }
-    std::vector<int> firstIndex() const {
-        return std::vector<int>(driver.rcpFirstIndex.begin(), driver.rcpFirstIndex.end());
+        addrMerge(list, 2);
+        return list;
     }
 };
 
-// ---- rule and weight ----
-
 TEST_F(AddressMerge, JudgeSplitsOnStationRegisterAndGap) {
     driver.maxGap = 2;
-    EXPECT_EQ(judgeAddrMerge(key(0, "DM", 10, 2), key(1, "DM", 12, 1), 0), 1);
-    EXPECT_EQ(judgeAddrMerge(key(0, "DM", 10, 2), key(0, "TM", 12, 1), 0), 1);
-    EXPECT_EQ(judgeAddrMerge(key(0, "DM", 10, 2), key(0, "DM", 12, 1), 0), 0);
-    EXPECT_EQ(judgeAddrMerge(key(0, "DM", 10, 2), key(0, "DM", 11, 1), 0), 0);
-    EXPECT_EQ(judgeAddrMerge(key(0, "DM", 10, 2), key(0, "DM", 13, 1), 0), 1);
-    EXPECT_EQ(judgeAddrMerge(key(0, "DM", 10, 2), key(0, "DM", 14, 1), 1), 0);
-    EXPECT_EQ(judgeAddrMerge(key(0, "DM", 10, 2), key(0, "DM", 15, 1), 1), 1);
-    // The block's end is formed in 64 bits: it lies far beyond the next key.
-    EXPECT_EQ(judgeAddrMerge(key(0, "DM", INT_MAX - 1, 10), key(0, "DM", 5, 1), 0), 0);
+    const struct {
+        const char *current, *next;
+        int mode, result;
+    } cases[] = {
+        {"DM10x2", "1:DM12x1", 0, 1},
+        {"DM10x2", "TM12x1", 0, 1},
+        {"DM10x2", "DM12x1", 0, 0},
+        {"DM10x2", "DM11x1", 0, 0},
+        {"DM10x2", "DM13x1", 0, 1},
+        {"DM10x2", "DM14x1", 1, 0},
+        {"DM10x2", "DM15x1", 1, 1},
+        // The block's end is formed in 64 bits: it lies far beyond the next key.
+        {"DM2147483646x10", "DM5x1", 0, 0},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(judgeAddrMerge(keys(c.current)[0], keys(c.next)[0], c.mode), c.result)
+            << c.current << " " << c.next << " mode " << c.mode;
+    }
 }
 
 TEST_F(AddressMerge, WeightUsesFactor65535AndWrapsAt32Bits) {
@@ -84,83 +95,64 @@ TEST_F(AddressMerge, WeightUsesFactor65535AndWrapsAt32Bits) {
     EXPECT_EQ(getRegAddressWeight(0, "XX", 0, 1), -65535);
 }
 
-// ---- mode 1 ----
+TEST_F(AddressMerge, MonitoredKeysBecomeReadBlocks) {
+    const struct {
+        const char* keys;
+        int maxGap;
+        const char* blocks;
+    } cases[] = {
+        // Gaps are bridged up to maxGap.
+        {"DM100x1 DM101x1 DM105x2", 0, "DM100x2 DM105x2"},
+        {"DM100x1 DM101x1 DM105x2", 2, "DM100x2 DM105x2"},
+        {"DM100x1 DM101x1 DM105x2", 3, "DM100x7"},
+        // Different registers and stations never join.
+        {"DM65535x1 TM0x1", 100, "DM65535x1 TM0x1"},
+        {"DM5x1 TM6x1", 100, "DM5x1 TM6x1"},
+        {"1:DM5x1 DM6x1", 100, "DM6x1 1:DM5x1"},
+        // Lengths become transfer units; bit keys and word keys of one device meet as words.
+        {"DM_bit1615x4", 0, "DM100x2"},
+        {"DM_bit1600x16", 0, "DM100x1"},
+        {"TM_bit15999x1", 0, "TM999x1"},
+        {"TC10x4", 0, "TC10x2"},
+        {"TC10x3", 0, "TC10x1"},
+        {"R17x40", 0, "R17x40"},
+        {"B3x300", 0, "B3x128 B131x128 B259x44"},
+        {"DM_bit1615x4 DM102x1", 0, "DM100x3"},
+        // Long keys are cut into blocks of 128 units; no join beyond 128.
+        {"DM0x300", 0, "DM0x128 DM128x128 DM256x44"},
+        {"DM0x100 DM100x100", 0, "DM0x100 DM100x100"},
+        {"DM0x128", 0, "DM0x128"},
+        {"TC0x512", 0, "TC0x128 TC128x128"},
+        // Sorted by station, register and address; equal weights keep their order.
+        {"DM200x1 DM5x1", 0, "DM5x1 DM200x1"},
+        {"1:MR_bit0x1 TRM7x2 DM3x1", 0, "DM3x1 TRM7x1 1:MR0x1"},
+        {"TM0x1 DM65535x1 DM5x1", 0, "DM5x1 TM0x1 DM65535x1"},
+        {"DM65535x1 TM0x1 DM5x1", 0, "DM5x1 DM65535x1 TM0x1"},
+        // Overlapping keys join.
+        {"DM10x5 DM12x2", 0, "DM10x5"},
+        {"DM10x5 DM12x10", 0, "DM10x12"},
+        // A key starting inside the cut rest (128, 44) of a long key keeps its own end.
+        {"DM0x172 DM100x10", 0, "DM0x128 DM100x72"},
+        {"DM0x172 DM100x100", 0, "DM0x128 DM100x100"},
+        {"DM0x172 DM20x120", 5, "DM0x128 DM128x44 DM20x120"},
+        // Unknown registers stay as they came; they weigh with index -1, after station 0's keys.
+        {"XX5x1 XX6x1", 10, "XX5x1 XX6x1"},
+        {"XX_bit1615x4000", 0, "XX_bit1615x4000"},
+        {"XX0x1 DM1x1 DM0x1", 10, "DM0x2 XX0x1"},
+        // Hostile lengths and addresses stay bounded.
+        {"DM2147483647x2147483647", 0, "DM2147483647x128"},
+        {"DM2147483642x10 DM2147483645x10", 0, "DM2147483642x13"},
+        {"DM_bit2147483647x16", 0, "DM134217727x2"},
+        {"DM10x-5 DM10x0", 0, "DM10x-5 DM10x0"},
+        {"TC0x-2147483648", 0, "TC0x-1073741824"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(text(merge(keys(c.keys), c.maxGap)), c.blocks) << c.keys;
 
-TEST_F(AddressMerge, GapsAreBridgedUpToMaxGap) {
-    const QList<KEY_ADDRESS> keys = {key(0, "DM", 100, 1), key(0, "DM", 101, 1), key(0, "DM", 105, 2)};
-    EXPECT_EQ(merge(keys, 0), (std::vector<Block>{{0, "DM", 100, 2}, {0, "DM", 105, 2}}));
-    EXPECT_EQ(merge(keys, 2), (std::vector<Block>{{0, "DM", 100, 2}, {0, "DM", 105, 2}}));
-    EXPECT_EQ(merge(keys, 3), (std::vector<Block>{{0, "DM", 100, 7}}));
-}
-
-TEST_F(AddressMerge, DifferentRegistersAndStationsNeverJoin) {
-    EXPECT_EQ(merge({key(0, "DM", 65535, 1), key(0, "TM", 0, 1)}, 100),
-              (std::vector<Block>{{0, "DM", 65535, 1}, {0, "TM", 0, 1}}));
-    EXPECT_EQ(merge({key(0, "DM", 5, 1), key(0, "TM", 6, 1)}, 100),
-              (std::vector<Block>{{0, "DM", 5, 1}, {0, "TM", 6, 1}}));
-    EXPECT_EQ(merge({key(1, "DM", 5, 1), key(0, "DM", 6, 1)}, 100),
-              (std::vector<Block>{{0, "DM", 6, 1}, {1, "DM", 5, 1}}));
-}
-
-TEST_F(AddressMerge, LengthsBecomeTransferUnits) {
-    EXPECT_EQ(merge({key(0, "DM_bit", 1615, 4)}), (std::vector<Block>{{0, "DM", 100, 2}}));
-    EXPECT_EQ(merge({key(0, "DM_bit", 1600, 16)}), (std::vector<Block>{{0, "DM", 100, 1}}));
-    EXPECT_EQ(merge({key(0, "TM_bit", 15999, 1)}), (std::vector<Block>{{0, "TM", 999, 1}}));
-    EXPECT_EQ(merge({key(0, "TC", 10, 4)}), (std::vector<Block>{{0, "TC", 10, 2}}));
-    EXPECT_EQ(merge({key(0, "TC", 10, 3)}), (std::vector<Block>{{0, "TC", 10, 1}}));
-    EXPECT_EQ(merge({key(0, "R", 17, 40)}), (std::vector<Block>{{0, "R", 17, 40}}));
-    EXPECT_EQ(merge({key(0, "B", 3, 300)}),
-              (std::vector<Block>{{0, "B", 3, 128}, {0, "B", 131, 128}, {0, "B", 259, 44}}));
-    // Bit keys and word keys of the same device meet as words.
-    EXPECT_EQ(merge({key(0, "DM_bit", 1615, 4), key(0, "DM", 102, 1)}),
-              (std::vector<Block>{{0, "DM", 100, 3}}));
-}
-
-TEST_F(AddressMerge, LongKeysAreCutInto128UnitBlocks) {
-    EXPECT_EQ(merge({key(0, "DM", 0, 300)}),
-              (std::vector<Block>{{0, "DM", 0, 128}, {0, "DM", 128, 128}, {0, "DM", 256, 44}}));
-    EXPECT_EQ(merge({key(0, "DM", 0, 100), key(0, "DM", 100, 100)}),
-              (std::vector<Block>{{0, "DM", 0, 100}, {0, "DM", 100, 100}}));
-    EXPECT_EQ(merge({key(0, "DM", 0, 128)}), (std::vector<Block>{{0, "DM", 0, 128}}));
-    EXPECT_EQ(merge({key(0, "TC", 0, 512)}), (std::vector<Block>{{0, "TC", 0, 128}, {0, "TC", 128, 128}}));
-}
-
-TEST_F(AddressMerge, KeysAreSortedByStationRegisterAndAddress) {
-    EXPECT_EQ(merge({key(0, "DM", 200, 1), key(0, "DM", 5, 1)}),
-              (std::vector<Block>{{0, "DM", 5, 1}, {0, "DM", 200, 1}}));
-    EXPECT_EQ(merge({key(1, "MR_bit", 0, 1), key(0, "TRM", 7, 2), key(0, "DM", 3, 1)}),
-              (std::vector<Block>{{0, "DM", 3, 1}, {0, "TRM", 7, 1}, {1, "MR", 0, 1}}));
-}
-
-TEST_F(AddressMerge, EqualWeightsKeepTheirInputOrder) {
-    EXPECT_EQ(merge({key(0, "TM", 0, 1), key(0, "DM", 65535, 1), key(0, "DM", 5, 1)}),
-              (std::vector<Block>{{0, "DM", 5, 1}, {0, "TM", 0, 1}, {0, "DM", 65535, 1}}));
-    EXPECT_EQ(merge({key(0, "DM", 65535, 1), key(0, "TM", 0, 1), key(0, "DM", 5, 1)}),
-              (std::vector<Block>{{0, "DM", 5, 1}, {0, "DM", 65535, 1}, {0, "TM", 0, 1}}));
-}
-
-TEST_F(AddressMerge, OverlappingKeysJoin) {
-    EXPECT_EQ(merge({key(0, "DM", 10, 5), key(0, "DM", 12, 2)}), (std::vector<Block>{{0, "DM", 10, 5}}));
-    EXPECT_EQ(merge({key(0, "DM", 10, 5), key(0, "DM", 12, 10)}), (std::vector<Block>{{0, "DM", 10, 12}}));
-}
-
-TEST_F(AddressMerge, KeyStartingInsideTheCutPartOfALongKeyKeepsItsEnd) {
-    // The rest of the long key is (128, 44); the next key starts before it.
-    EXPECT_EQ(merge({key(0, "DM", 0, 172), key(0, "DM", 100, 10)}),
-              (std::vector<Block>{{0, "DM", 0, 128}, {0, "DM", 100, 72}}));
-    EXPECT_EQ(merge({key(0, "DM", 0, 172), key(0, "DM", 100, 100)}),
-              (std::vector<Block>{{0, "DM", 0, 128}, {0, "DM", 100, 100}}));
-    EXPECT_EQ(merge({key(0, "DM", 0, 172), key(0, "DM", 20, 120)}, 5),
-              (std::vector<Block>{{0, "DM", 0, 128}, {0, "DM", 128, 44}, {0, "DM", 20, 120}}));
-}
-
-TEST_F(AddressMerge, UnknownRegistersStayAsTheyCame) {
-    EXPECT_EQ(merge({key(0, "XX", 5, 1), key(0, "XX", 6, 1)}, 10),
-              (std::vector<Block>{{0, "XX", 5, 1}, {0, "XX", 6, 1}}));
-    EXPECT_EQ(merge({key(0, "XX_bit", 1615, 4000)}), (std::vector<Block>{{0, "XX_bit", 1615, 4000}}));
-    // Unknown names weigh with index -1: they sort after station 0's keys.
-    EXPECT_EQ(merge({key(0, "XX", 0, 1), key(0, "DM", 1, 1), key(0, "DM", 0, 1)}, 10),
-              (std::vector<Block>{{0, "DM", 0, 2}, {0, "XX", 0, 1}}));
+    // A length validation would refuse is read only up to the register's end.
+    const QList<KEY_ADDRESS> all = merge({key(0, "DM", 0, INT_MAX)});
+    ASSERT_EQ(all.size(), 512);
+    EXPECT_EQ(text({all.back()}), "DM65408x128");
+    EXPECT_LE(merge({key(0, "DM", INT_MIN, INT_MAX), key(0, "R", -5, INT_MAX)}).size(), 512 + 125);
 }
 
 TEST_F(AddressMerge, BlocksCarryTheFieldsOfTheirFirstKey) {
@@ -173,67 +165,42 @@ TEST_F(AddressMerge, BlocksCarryTheFieldsOfTheirFirstKey) {
     a.values[1023] = 0xCD;
     KEY_ADDRESS b = key(0, "DM", 11, 1);
     b.userText1 = "other";
-    QList<KEY_ADDRESS> keys = {b, a};
-    driver.maxGap = 0;
-    addrMerge(keys, 1);
-    ASSERT_EQ(keys.size(), 1);
-    EXPECT_EQ(keys[0].userText1, "first");
-    EXPECT_EQ(keys[0].userText2, "second");
-    EXPECT_EQ(keys[0].userValue, 11);
-    EXPECT_EQ(keys[0].dataType, 3);
-    EXPECT_EQ(keys[0].values[0], 0xAB);
-    EXPECT_EQ(keys[0].values[1023], 0xCD);
-    EXPECT_EQ(keys[0].length, 2);
+    const QList<KEY_ADDRESS> out = merge({b, a});
+    ASSERT_EQ(out.size(), 1);
+    EXPECT_EQ(out[0].userText1 + out[0].userText2, "firstsecond");
+    EXPECT_EQ(out[0].userValue, 11);
+    EXPECT_EQ(out[0].dataType, 3);
+    EXPECT_EQ(out[0].values[0], 0xAB);
+    EXPECT_EQ(out[0].values[1023], 0xCD);
+    EXPECT_EQ(out[0].length, 2);
 }
 
 TEST_F(AddressMerge, WritesOneStep0LinePerKeyAfterConversion) {
     DebugCapture capture;
-    merge({key(0, "DM_bit", 1615, 4), key(2, "TC", 7, 4), key(0, "XX_bit", 3, 2)});
+    merge(keys("DM_bit1615x4 2:TC7x4 XX_bit3x2"));
+    merge({key(0, "%3%1", 9, 1)});  // a name with placeholders is printed as it is
     EXPECT_EQ(capture.lines(),
               (QStringList{"\"step0:id=0,reg=DM,address=100,len=2\"", "\"step0:id=1,reg=TC,address=7,len=2\"",
-                           "\"step0:id=2,reg=XX_bit,address=3,len=2\""}));
-}
-
-TEST_F(AddressMerge, ARegisterNameWithPlaceholdersIsPrintedAsItIs) {
-    DebugCapture capture;
-    merge({key(0, "%3%1", 9, 1)});
-    EXPECT_EQ(capture.lines(), (QStringList{"\"step0:id=0,reg=%3%1,address=9,len=1\""}));
-}
-
-TEST_F(AddressMerge, HostileLengthsAndAddressesStayBounded) {
-    // A length validation would refuse is read only up to the register's end.
-    const std::vector<Block> all = merge({key(0, "DM", 0, INT_MAX)});
-    ASSERT_EQ(all.size(), 512u);
-    EXPECT_EQ(all.back(), (Block{0, "DM", 65408, 128}));
-    EXPECT_EQ(merge({key(0, "DM", INT_MAX, INT_MAX)}), (std::vector<Block>{{0, "DM", INT_MAX, 128}}));
-    EXPECT_EQ(merge({key(0, "DM", INT_MAX - 5, 10), key(0, "DM", INT_MAX - 2, 10)}),
-              (std::vector<Block>{{0, "DM", INT_MAX - 5, 13}}));
-    EXPECT_EQ(merge({key(0, "DM_bit", INT_MAX, 16)}), (std::vector<Block>{{0, "DM", INT_MAX / 16, 2}}));
-    EXPECT_EQ(merge({key(0, "DM", 10, -5), key(0, "DM", 10, 0)}),
-              (std::vector<Block>{{0, "DM", 10, -5}, {0, "DM", 10, 0}}));
-    EXPECT_LE(merge({key(0, "DM", INT_MIN, INT_MAX), key(0, "R", -5, INT_MAX)}).size(), 512u + 125u);
-    EXPECT_EQ(merge({key(0, "TC", 0, INT_MIN)}), (std::vector<Block>{{0, "TC", 0, INT_MIN / 2}}));
+                           "\"step0:id=2,reg=XX_bit,address=3,len=2\"",
+                           "\"step0:id=0,reg=%3%1,address=9,len=1\""}));
 }
 
 TEST_F(AddressMerge, RandomKeysAreCoveredByBlocksOfAtMost128Units) {
     std::mt19937 rng(7);
     const char* regs[] = {"DM", "TM", "W", "TC", "R", "B", "MR_bit", "DM_bit"};
     for (int round = 0; round < 10; ++round) {
-        QList<KEY_ADDRESS> keys;
+        QList<KEY_ADDRESS> list;
         for (int i = 0; i < 100; ++i) {
-            keys.append(key(int(rng() % 2), regs[rng() % 8], int(rng() % 2000), 1 + int(rng() % 200)));
+            list.append(key(int(rng() % 2), regs[rng() % 8], int(rng() % 2000), 1 + int(rng() % 200)));
         }
-        const std::vector<Block> blocks = merge(keys, int(rng() % 4));
-        for (const Block& b : blocks) EXPECT_LE(b.length, 128);
+        const QList<KEY_ADDRESS> blocks = merge(list, int(rng() % 4));
+        for (const KEY_ADDRESS& b : blocks) EXPECT_LE(b.length, 128);
         // Every converted unit of every key lies in a block of its station and register.
-        driver.maxGap = 0;
-        for (const KEY_ADDRESS& k : keys) {
-            QList<KEY_ADDRESS> one = {k};
-            addrMerge(one, 1);
-            for (const KEY_ADDRESS& u : one) {
+        for (const KEY_ADDRESS& k : list) {
+            for (const KEY_ADDRESS& u : merge({k})) {
                 for (int a = u.address; a < u.address + u.length; ++a) {
                     bool covered = false;
-                    for (const Block& b : blocks)
+                    for (const KEY_ADDRESS& b : blocks)
                         covered |= b.station == u.station && b.reg == u.reg && a >= b.address &&
                                    a < b.address + b.length;
                     ASSERT_TRUE(covered) << u.reg.toStdString() << " " << a;
@@ -243,60 +210,30 @@ TEST_F(AddressMerge, RandomKeysAreCoveredByBlocksOfAtMost128Units) {
     }
 }
 
-// ---- mode 2 ----
-
-TEST_F(AddressMerge, RecipeKeysJoinOnlyWhenTheyTouch) {
-    QList<KEY_ADDRESS> out = recipe({key(0, "DM", 100, 2, 0), key(0, "DM", 102, 3, 2)});
-    EXPECT_EQ(blocksOf(out), (std::vector<Block>{{0, "DM", 100, 5}}));
-    EXPECT_EQ(out[0].recipeOffset, 0);
-    EXPECT_EQ(firstIndex(), (std::vector<int>{0}));
-
-    out = recipe({key(0, "DM", 100, 2, 0), key(0, "DM", 110, 1, 2)});
-    EXPECT_EQ(blocksOf(out), (std::vector<Block>{{0, "DM", 100, 2}, {0, "DM", 110, 1}}));
-    EXPECT_EQ(out[1].recipeOffset, 2);
-    EXPECT_EQ(firstIndex(), (std::vector<int>{0, 1}));
-}
-
-TEST_F(AddressMerge, RecipeKeysKeepBitUnitsAndAreNotSorted) {
+// Mode 2: keys join only when they touch, keep bit units, are not sorted and
+// write no debug lines; every block has its first-entry index, and pieces of
+// a long key share the key's index and advance its buffer offset.
+TEST_F(AddressMerge, RecipeKeysBecomeRecipeBlocksWithFirstEntryIndices) {
+    const struct {
+        const char *keys, *blocks, *firstIndex;
+    } cases[] = {
+        {"DM100x2+0 DM102x3+2", "DM100x5+0", "0"},
+        {"DM100x2+0 DM110x1+2", "DM100x2+0 DM110x1+2", "0 1"},
+        {"TC10x4 DM_bit1615x4 DM200x1 DM5x1", "TC10x2+0 DM_bit1615x4+0 DM200x1+0 DM5x1+0", "0 1 2 3"},
+        {"DM0x300+7", "DM0x128+7 DM128x128+135 DM256x44+263", "0 0 0"},
+        {"DM0x1+0 TC0x600+1", "DM0x1+0 TC0x128+1 TC128x128+257 TC256x44+513", "0 1 1 1"},  // 300 dwords
+        {"DM_bit16x300+4", "DM_bit16x128+4 DM_bit144x128+132 DM_bit272x44+260", "0 0 0"},  // a word per bit
+        // A key starting inside a long key's rest is placed by its address.
+        {"DM0x172+0 DM100x10+172", "DM0x128+0 DM100x72+100", "0 0"},
+    };
     DebugCapture capture;
-    const QList<KEY_ADDRESS> out =
-        recipe({key(0, "TC", 10, 4), key(0, "DM_bit", 1615, 4), key(0, "DM", 200, 1), key(0, "DM", 5, 1)});
-    EXPECT_EQ(
-        blocksOf(out),
-        (std::vector<Block>{{0, "TC", 10, 2}, {0, "DM_bit", 1615, 4}, {0, "DM", 200, 1}, {0, "DM", 5, 1}}));
-    EXPECT_EQ(firstIndex(), (std::vector<int>{0, 1, 2, 3}));
+    for (const auto& c : cases) {
+        EXPECT_EQ(text(recipe(keys(c.keys)), true), c.blocks) << c.keys;
+        QStringList first;
+        for (int i : qAsConst(driver.rcpFirstIndex)) first << QString::number(i);
+        EXPECT_EQ(first.join(' ').toStdString(), c.firstIndex) << c.keys;
+    }
     EXPECT_TRUE(capture.lines().isEmpty());
-}
-
-TEST_F(AddressMerge, LongRecipeKeyPiecesShareTheKeysIndexAndAdvanceTheOffset) {
-    QList<KEY_ADDRESS> out = recipe({key(0, "DM", 0, 300, 7)});
-    EXPECT_EQ(blocksOf(out),
-              (std::vector<Block>{{0, "DM", 0, 128}, {0, "DM", 128, 128}, {0, "DM", 256, 44}}));
-    EXPECT_EQ(firstIndex(), (std::vector<int>{0, 0, 0}));
-    EXPECT_EQ(out[0].recipeOffset, 7);
-    EXPECT_EQ(out[1].recipeOffset, 135);
-    EXPECT_EQ(out[2].recipeOffset, 263);
-
-    out = recipe({key(0, "DM", 0, 1, 0), key(0, "TC", 0, 600, 1)});  // 300 double words
-    EXPECT_EQ(
-        blocksOf(out),
-        (std::vector<Block>{{0, "DM", 0, 1}, {0, "TC", 0, 128}, {0, "TC", 128, 128}, {0, "TC", 256, 44}}));
-    EXPECT_EQ(firstIndex(), (std::vector<int>{0, 1, 1, 1}));
-    EXPECT_EQ(out[2].recipeOffset, 257);
-    EXPECT_EQ(out[3].recipeOffset, 513);
-
-    out = recipe({key(0, "DM_bit", 16, 300, 4)});
-    EXPECT_EQ(blocksOf(out),
-              (std::vector<Block>{{0, "DM_bit", 16, 128}, {0, "DM_bit", 144, 128}, {0, "DM_bit", 272, 44}}));
-    EXPECT_EQ(out[1].recipeOffset, 132);  // one buffer word per bit
-    EXPECT_EQ(out[2].recipeOffset, 260);
-}
-
-TEST_F(AddressMerge, RecipeKeyStartingInsideALongKeysRestIsPlacedByItsAddress) {
-    const QList<KEY_ADDRESS> out = recipe({key(0, "DM", 0, 172, 0), key(0, "DM", 100, 10, 172)});
-    EXPECT_EQ(blocksOf(out), (std::vector<Block>{{0, "DM", 0, 128}, {0, "DM", 100, 72}}));
-    EXPECT_EQ(firstIndex(), (std::vector<int>{0, 0}));
-    EXPECT_EQ(out[1].recipeOffset, 100);
 }
 
 // The recipe read of block b takes the entries rcpFirstIndex[b] up to
@@ -319,8 +256,8 @@ TEST_F(AddressMerge, FirstEntryIndicesAndOffsetsPlaceEveryRecipeUnit) {
             offset += length + int(rng() % 3);
         }
         const QList<KEY_ADDRESS> blocks = recipe(entries);
-        const std::vector<int> first = firstIndex();
-        ASSERT_EQ(first.size(), size_t(blocks.size()));
+        const QList<int> first = driver.rcpFirstIndex;
+        ASSERT_EQ(first.size(), blocks.size());
         for (int b = 0; b < blocks.size(); ++b) {
             const KEY_ADDRESS& block = blocks[b];
             ASSERT_LE(block.length, 128);

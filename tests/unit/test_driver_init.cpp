@@ -6,81 +6,56 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+#include <string>
+
 namespace {
 
-int init(const char* parameter, int* status = nullptr) {
+// "protocolId localWriteOnly param3 retryTimes maxGap / maxBlockLength maxBitBlockLength"
+std::string parameters() {
+    std::ostringstream s;
+    s << driver.protocolId << ' ' << driver.localWriteOnly << ' ' << driver.param3 << ' ' << driver.retryTimes
+      << ' ' << driver.maxGap << " / " << driver.maxBlockLength << ' ' << driver.maxBitBlockLength;
+    return s.str();
+}
+
+TEST(DriverInit, ParameterStringsAndTheStateThatIsReset) {
+    const struct {
+        const char *parameter, *expected;
+    } steps[] = {
+        {"1#0#0#3#10", "1 0 0 3 10 / 10 80"},    {"2#1#5#4#12", "2 1 5 4 12 / 12 96"},
+        {"1#0#0#3", "2 1 5 4 12 / 12 96"},        // fewer than five fields: the five are kept
+        {"1#0#0#3#10#99", "1 0 0 3 10 / 10 80"},  // a sixth field is ignored
+        {"abc#1#x#3#1y", "0 1 0 3 0 / 0 0"},      // text that is not a number gives 0
+    };
     static unsigned char shm[60117];
     static unsigned short recipe[1024];
     static QMutex shareMutex;
-    int st = -1;
-    const int r = intf_initProperty(shm, nullptr, recipe, status ? status : &st, parameter, &shareMutex);
-    if (!status) {
-        EXPECT_EQ(st, 0);
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.parameter);
+        driver.readList.append(VARIABLE());
+        driver.conditionReadList.append(VARIABLE());
+        driver.frameList.append(FRAME_PRO());
+        driver.state = 4;
+        driver.handShakeFlag = 0;
+        int status = 7;
+        EXPECT_EQ(intf_initProperty(shm, nullptr, recipe, &status, s.parameter, &shareMutex), 1);
+        EXPECT_EQ(status, 0);
+        EXPECT_EQ(parameters(), s.expected);
+        EXPECT_TRUE(driver.readList.isEmpty() && driver.conditionReadList.isEmpty() &&
+                    driver.frameList.isEmpty());
+        EXPECT_EQ(driver.state, 0);
+        EXPECT_EQ(driver.handShakeFlag, 1);
     }
-    return r;
-}
-
-TEST(DriverInit, FiveFieldsSetTheParameters) {
-    int status = 7;
-    EXPECT_EQ(init("1#0#0#3#10", &status), 1);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(driver.protocolId, 1);
-    EXPECT_EQ(driver.localWriteOnly, 0);
-    EXPECT_EQ(driver.param3, 0);
-    EXPECT_EQ(driver.retryTimes, 3);
-    EXPECT_EQ(driver.maxGap, 10);
-    EXPECT_EQ(driver.maxBlockLength, 10);
-    EXPECT_EQ(driver.maxBitBlockLength, 80);
-    EXPECT_EQ(driver.handShakeFlag, 1);
-    EXPECT_EQ(driver.state, 0);
-}
-
-TEST(DriverInit, FourFieldsKeepParametersButResetState) {
-    init("2#1#5#4#12");
-    driver.readList.append(VARIABLE());
-    driver.conditionReadList.append(VARIABLE());
-    driver.frameList.append(FRAME_PRO());
-    driver.state = 4;
-    driver.handShakeFlag = 0;
-    int status = 9;
-    EXPECT_EQ(init("1#0#0#3", &status), 1);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(driver.protocolId, 2);
-    EXPECT_EQ(driver.localWriteOnly, 1);
-    EXPECT_EQ(driver.param3, 5);
-    EXPECT_EQ(driver.retryTimes, 4);
-    EXPECT_EQ(driver.maxGap, 12);
-    EXPECT_TRUE(driver.readList.isEmpty());
-    EXPECT_TRUE(driver.conditionReadList.isEmpty());
-    EXPECT_TRUE(driver.frameList.isEmpty());
-    EXPECT_EQ(driver.state, 0);
-    EXPECT_EQ(driver.handShakeFlag, 1);
-}
-
-TEST(DriverInit, SixthFieldIgnoredAndTextGivesZero) {
-    init("1#0#0#3#10#99");
-    EXPECT_EQ(driver.maxGap, 10);
-    init("abc#1#x#3#1y");
-    EXPECT_EQ(driver.protocolId, 0);
-    EXPECT_EQ(driver.localWriteOnly, 1);
-    EXPECT_EQ(driver.param3, 0);
-    EXPECT_EQ(driver.retryTimes, 3);
-    EXPECT_EQ(driver.maxGap, 0);
-    EXPECT_EQ(driver.maxBitBlockLength, 0);
-}
-
-TEST(DriverInit, NullParameterAndStatusDoNotCrash) {
-    init("1#0#0#3#10");
-    static QMutex m;
-    EXPECT_EQ(intf_initProperty(nullptr, nullptr, nullptr, nullptr, nullptr, &m), 1);
-    EXPECT_EQ(driver.maxGap, 10);  // empty string: fewer than five fields
-    EXPECT_EQ(driver.handShakeFlag, 1);
-}
-
-TEST(DriverInit, HugeGapDoesNotOverflowTheBitLimit) {
-    init("1#0#0#3#2147483647");
+    // A huge gap does not overflow the bit limit.
+    intf_initProperty(shm, nullptr, recipe, nullptr, "1#0#0#3#2147483647", &shareMutex);
     EXPECT_EQ(driver.maxBlockLength, 2147483647);
     EXPECT_GT(driver.maxBitBlockLength, 0);
+
+    // No parameter and no status: an empty string, fewer than five fields.
+    EXPECT_EQ(intf_initProperty(nullptr, nullptr, nullptr, nullptr, nullptr, &shareMutex), 1);
+    EXPECT_EQ(driver.maxGap, 2147483647);
+    EXPECT_EQ(driver.handShakeFlag, 1);
 }
 
 TEST(DriverInfo, IdentityStrings) {
@@ -98,31 +73,6 @@ TEST(DriverInfo, IdentityStrings) {
     QString page;
     intf_getDriverPropertyPage(page);
     EXPECT_EQ(page, QStringLiteral("0_0"));
-}
-
-TEST(Records, CopiesAreDeep) {
-    VARIABLE v;
-    v.data[1023] = 9;
-    VARIABLE c = v;
-    c.data[1023] = 1;
-    EXPECT_EQ(v.data[1023], 9);
-    FRAME_PRO f;
-    f.frame[0] = 6;
-    f.data[5] = 5;
-    FRAME_PRO g = f;
-    g.frame[0] = 0;
-    g.data[5] = 0;
-    EXPECT_EQ(f.frame[0], 6);
-    EXPECT_EQ(f.data[5], 5);
-    KEY_ADDRESS k;
-    k.values[1000] = 3;
-    KEY_ADDRESS l = k;
-    l.values[1000] = 4;
-    EXPECT_EQ(k.values[1000], 3);
-    _DATA_ d;
-    EXPECT_EQ(d.writeValid, 0);
-    EXPECT_EQ(d.bitWriteFlags | d.monitorFlags | d.monitorBits, 0u);
-    EXPECT_EQ(d.readValue[0] | d.readValue[3] | d.writeValue[0] | d.writeValue[3], 0);
 }
 
 }  // namespace

@@ -10,7 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,15 +30,33 @@ std::vector<unsigned char> bytesOf(const FRAME_PRO& f) {
     return std::vector<unsigned char>(f.frame, f.frame + n);
 }
 
-VARIABLE block(const char* reg, int address, int length, std::vector<unsigned char> data = {}) {
+// "replyLength dataOffset elementCount @address x length"
+std::string book(const FRAME_PRO& f) {
+    std::ostringstream s;
+    s << f.replyLength << ' ' << f.dataOffset << ' ' << f.elementCount << " @" << f.address << 'x'
+      << f.length;
+    return s.str();
+}
+
+VARIABLE block(const char* reg, int address, int length, const char* data = "") {
     VARIABLE v;
     v.id = 77;
     v.station = 3;
     v.reg = QString::fromLatin1(reg);
     v.address = address;
     v.length = length;
-    for (size_t i = 0; i < data.size() && i < sizeof v.data; ++i) v.data[i] = data[i];
+    const std::vector<unsigned char> bytes = hex(data);
+    std::copy(bytes.begin(), bytes.end(), v.data);
     return v;
+}
+
+// Every frame carries a copy of the block it serves.
+void expectRecordOf(const FRAME_PRO& f, const VARIABLE& v) {
+    EXPECT_EQ(f.id, v.id);
+    EXPECT_EQ(f.station, v.station);
+    EXPECT_EQ(f.reg, v.reg);
+    EXPECT_EQ(f.reserved, 0);
+    EXPECT_TRUE(std::equal(f.data, f.data + KV_BUFFER_SIZE, v.data));
 }
 
 int read(const VARIABLE& v) {
@@ -58,44 +78,33 @@ protected:
 };
 
 TEST(ComputateCheck, SumNegatedAboveByteRangeElseKept) {
-    unsigned char hs1[] = {0xFF, 0x02, 0x07, 0x01};
-    EXPECT_EQ(computate_check(hs1, 4) & 0xFF, 0xF7);
+    unsigned char hs1[] = {0xFF, 0x02, 0x07, 0x01}, small[] = {100, 60, 40}, edge[] = {0xFF};
     EXPECT_EQ(computate_check(hs1, 4), 0xFEF7);
-    unsigned char hs2[] = {0xFF, 0x06, 0x20, 0x00, 0x01, 0x06, 0x00, 0x00};
-    EXPECT_EQ(computate_check(hs2, 8) & 0xFF, 0xD4);
-    unsigned char small[] = {100, 60, 40};
     EXPECT_EQ(computate_check(small, 3), 200);
-    unsigned char edge[] = {0xFF};
     EXPECT_EQ(computate_check(edge, 1), 0xFF);
     EXPECT_EQ(computate_check(hs1, 0), 0);
     EXPECT_EQ(computate_check(nullptr, 5), 0);
 }
 
 TEST(WorkingBlock, BitBlocksBecomeCoveringWords) {
-    VARIABLE w = workingBlock(block("DM_bit", 1603, 1));
-    EXPECT_EQ(w.reg, QStringLiteral("DM"));
-    EXPECT_EQ(w.address, 100);
-    EXPECT_EQ(w.length, 1);
-    w = workingBlock(block("MR_bit", 165, 20));
-    EXPECT_EQ(w.reg, QStringLiteral("MR"));
-    EXPECT_EQ(w.address, 10);
-    EXPECT_EQ(w.length, 2);
-    w = workingBlock(block("CM_bit", 16 * 7 + 15, 2));  // bits 15 of word 7 and 0 of word 8
-    EXPECT_EQ(w.address, 7);
-    EXPECT_EQ(w.length, 2);
-    w = workingBlock(block("DM_bit", 48, 16));
-    EXPECT_EQ(w.length, 1);
-    w = workingBlock(block("DM_bit", 48, 0));
-    EXPECT_EQ(w.length, 0);
-    w = workingBlock(block("DM_bit", 47, INT_MAX));
-    EXPECT_GT(w.length, 0);
-
-    VARIABLE plain = block("R", 37, 4, {1, 2});
-    w = workingBlock(plain);
-    EXPECT_EQ(w.reg, QStringLiteral("R"));
-    EXPECT_EQ(w.address, 37);
-    EXPECT_EQ(w.length, 4);
-    EXPECT_EQ(w.data[1], 2);
+    const struct {
+        const char *reg, *wreg;
+        int address, length, waddress, wlength;
+    } cases[] = {
+        {"DM_bit", "DM", 1603, 1, 100, 1}, {"MR_bit", "MR", 165, 20, 10, 2},
+        {"CM_bit", "CM", 127, 2, 7, 2},  // bit 15 of word 7 and bit 0 of word 8
+        {"DM_bit", "DM", 48, 16, 3, 1},    {"DM_bit", "DM", 48, 0, 3, 0},
+        {"R", "R", 37, 4, 37, 4},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.reg) + " " + std::to_string(c.address));
+        const VARIABLE w = workingBlock(block(c.reg, c.address, c.length, "01 02"));
+        EXPECT_EQ(w.reg, QString::fromLatin1(c.wreg));
+        EXPECT_EQ(w.address, c.waddress);
+        EXPECT_EQ(w.length, c.wlength);
+        EXPECT_EQ(w.data[1], 2);
+    }
+    EXPECT_GT(workingBlock(block("DM_bit", 47, INT_MAX)).length, 0);
 }
 
 TEST_F(FrameBuilder, HandshakeIsFiveFramesWithTheirCheckBytes) {
@@ -103,72 +112,50 @@ TEST_F(FrameBuilder, HandshakeIsFiveFramesWithTheirCheckBytes) {
     ASSERT_EQ(driver.frameList.size(), 5);
     const char* bytes[5] = {"06", "01 00 FF 02 07 01 F7 04", "06", "01 00 FF 06 20 00 01 06 00 00 D4 04",
                             "06"};
-    const int send[5] = {1, 8, 1, 12, 1};
-    const int reply[5] = {0, 9, 0, 10, 0};
+    const char* books[5] = {"0 0 0 @0x0", "9 0 0 @0x0", "0 0 0 @0x0", "10 0 0 @0x0", "0 0 0 @0x0"};
     for (int i = 0; i < 5; ++i) {
         SCOPED_TRACE(i);
         EXPECT_EQ(bytesOf(frame(i)), hex(bytes[i]));
-        EXPECT_EQ(frame(i).sendLength, send[i]);
-        EXPECT_EQ(frame(i).replyLength, reply[i]);
-        EXPECT_EQ(frame(i).dataOffset, 0);
-        EXPECT_EQ(frame(i).elementCount, 0);
-        EXPECT_EQ(frame(i).id, 0);
-        EXPECT_EQ(frame(i).station, 0);
-        EXPECT_TRUE(frame(i).reg.isEmpty());
-        EXPECT_EQ(frame(i).address, 0);
-        EXPECT_EQ(frame(i).length, 0);
+        EXPECT_EQ(book(frame(i)), books[i]);
+        expectRecordOf(frame(i), VARIABLE());
     }
 }
-
-struct ReadCase {
-    const char* reg;
-    int address, length;
-    const char* bytes;
-    int replyLength, elementCount;
-    int recordAddress, recordLength;
-};
 
 TEST_F(FrameBuilder, ReadFramesByKind) {
-    const ReadCase cases[] = {
-        {"DM", 100, 3, "06 01 00 FF 0C 1E 00 00 06 00 00 00 03 00 00 00 64 6A 04", 17, 3, 100, 3},
-        {"TC", 5, 2, "06 01 00 FF 0C 1E 00 00 02 00 00 00 02 00 00 00 05 CE 04", 29, 2, 5, 2},
-        {"MR_bit", 165, 20, "06 01 00 FF 0C 1E 00 00 11 00 00 00 02 00 00 00 A0 24 04", 15, 2, 165, 20},
-        {"MR", 10, 2, "06 01 00 FF 0C 1E 00 00 11 00 00 00 02 00 00 00 A0 24 04", 15, 2, 10, 2},
-        {"R", 37, 4, "06 01 00 FF 0C 1E 00 00 00 00 00 00 01 00 00 00 20 B6 04", 13, 9, 32, 9},
-        {"R", 30, 4, "06 01 00 FF 0C 1E 00 00 00 00 00 00 02 00 00 00 10 C5 04", 15, 18, 16, 18},
-        {"B", 0x25, 3, "06 01 00 FF 0C 1E 00 00 1B 00 00 00 01 00 00 00 20 9B 04", 13, 8, 0x20, 8},
-        {"Z", 3, 2, "06 01 00 FF 0C 1E 00 00 30 00 00 00 02 00 00 00 03 A2 04", 19, 2, 3, 2},
-        {"T", 7, 3, "06 01 00 FF 0C 1E 00 00 02 00 00 00 03 00 00 00 07 CB 04", 38, 3, 7, 3},
+    const struct {
+        const char* reg;
+        int address, length;
+        const char *bytes, *book;
+    } cases[] = {
+        {"DM", 100, 3, "06 01 00 FF 0C 1E 00 00 06 00 00 00 03 00 00 00 64 6A 04", "17 9 3 @100x3"},
+        {"TC", 5, 2, "06 01 00 FF 0C 1E 00 00 02 00 00 00 02 00 00 00 05 CE 04", "29 9 2 @5x2"},
+        {"MR_bit", 165, 20, "06 01 00 FF 0C 1E 00 00 11 00 00 00 02 00 00 00 A0 24 04", "15 9 2 @165x20"},
+        {"MR", 10, 2, "06 01 00 FF 0C 1E 00 00 11 00 00 00 02 00 00 00 A0 24 04", "15 9 2 @10x2"},
+        // Relay bits are read from the word holding the first one: the block grows to it.
+        {"R", 37, 4, "06 01 00 FF 0C 1E 00 00 00 00 00 00 01 00 00 00 20 B6 04", "13 9 9 @32x9"},
+        {"R", 30, 4, "06 01 00 FF 0C 1E 00 00 00 00 00 00 02 00 00 00 10 C5 04", "15 9 18 @16x18"},
+        {"B", 0x25, 3, "06 01 00 FF 0C 1E 00 00 1B 00 00 00 01 00 00 00 20 9B 04", "13 9 8 @32x8"},
+        {"Z", 3, 2, "06 01 00 FF 0C 1E 00 00 30 00 00 00 02 00 00 00 03 A2 04", "19 9 2 @3x2"},
+        {"T", 7, 3, "06 01 00 FF 0C 1E 00 00 02 00 00 00 03 00 00 00 07 CB 04", "38 9 3 @7x3"},
     };
-    for (const ReadCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.reg + std::string(" ") + std::to_string(c.address));
         driver.frameList.clear();
-        ASSERT_EQ(read(block(c.reg, c.address, c.length, {0xAB})), 1);
+        const VARIABLE v = block(c.reg, c.address, c.length, "AB");
+        ASSERT_EQ(read(v), 1);
         ASSERT_EQ(driver.frameList.size(), 1);
-        const FRAME_PRO& f = frame(0);
-        EXPECT_EQ(bytesOf(f), hex(c.bytes));
-        EXPECT_EQ(f.sendLength, 19);
-        EXPECT_EQ(f.dataOffset, 9);
-        EXPECT_EQ(f.replyLength, c.replyLength);
-        EXPECT_EQ(f.elementCount, c.elementCount);
-        EXPECT_EQ(f.reserved, 0);
-        EXPECT_EQ(f.id, 77);
-        EXPECT_EQ(f.station, 3);
-        EXPECT_EQ(f.reg, QString::fromLatin1(c.reg));
-        EXPECT_EQ(f.address, c.recordAddress);
-        EXPECT_EQ(f.length, c.recordLength);
-        EXPECT_EQ(f.data[0], 0xAB);
+        EXPECT_EQ(bytesOf(frame(0)), hex(c.bytes));
+        EXPECT_EQ(book(frame(0)), c.book);
+        expectRecordOf(frame(0), v);
     }
-}
-
-TEST_F(FrameBuilder, ReadUsesOnlyTheFirstBlockAndLeavesTheCallersListAlone) {
+    // Only the first block counts; the caller's list is left alone.
     QList<VARIABLE> list;
     list << block("R", 37, 4) << block("DM", 1, 1);
     EXPECT_EQ(getReadFrame(list), 1);
-    ASSERT_EQ(driver.frameList.size(), 1);
+    EXPECT_EQ(driver.frameList.size(), 2);
     EXPECT_EQ(list.first().address, 37);
     EXPECT_EQ(list.first().length, 4);
-    EXPECT_EQ(frame(0).reg, QStringLiteral("R"));
+    EXPECT_EQ(frame(1).reg, QStringLiteral("R"));
 }
 
 TEST_F(FrameBuilder, ReadRefusesWhatCannotBeFramed) {
@@ -198,97 +185,52 @@ TEST_F(FrameBuilder, ReadRefusesWhatCannotBeFramed) {
     EXPECT_EQ(frame(2).replyLength, 2 * 0xFFFF + 11);
 }
 
-struct WriteCase {
-    const char* reg;
-    int address, length;
-    std::vector<unsigned char> data;
-    const char* bytes;
-    int replyLength, dataOffset;
-};
-
 TEST_F(FrameBuilder, WriteFramesByKind) {
-    const WriteCase cases[] = {
-        {"DM",
-         100,
-         2,
-         {0x34, 0x12, 0x78, 0x56},
-         "06 01 00 FF 10 1E 01 00 06 00 00 00 02 00 00 00 64 12 34 56 78 52 04",
-         10,
-         17},
-        {"MR",
-         10,
-         2,
-         {0x34, 0x12, 0x78, 0x56},
-         "06 01 00 FF 10 1E 01 00 11 00 00 00 02 00 00 00 A0 12 34 56 78 0B 04",
-         10,
-         17},
-        {"Z",
-         3,
-         2,
-         {0x78, 0x56, 0x34, 0x12, 0xF0, 0xDE, 0xBC, 0x9A},
-         "06 01 00 FF 14 1E 01 00 30 00 00 00 02 00 00 00 03 12 34 56 78 9A BC DE F0 61 04",
-         10,
-         17},
-        {"TC", 5, 1, {0xE8, 0x03, 0x00, 0x00}, "06 01 00 FF 0A 18 00 01 20 00 05 00 00 03 E8 CE 04", 9, 0},
-        {"TS",
-         9,
-         2,
-         {0x0F, 0x27, 0x00, 0x00, 0x11, 0x11, 0x11, 0x11},
-         "06 01 00 FF 0A 18 00 01 21 00 09 00 00 27 0F 7E 04",
-         9,
-         0},
-        {"R", 37, 1, {1}, "06 01 00 FF 06 32 00 01 00 00 25 A3 04", 9, 0},
-        {"B", 16, 1, {0}, "06 01 00 FF 06 33 00 01 1B 00 10 9C 04", 9, 0},
-        {"B", 16, 3, {1, 0, 0}, "06 01 00 FF 06 32 00 01 1B 00 10 9D 04", 9, 0},
+    // Bit and timer/counter value frames carry one element: one frame per element.
+    const struct {
+        const char* reg;
+        int address, length;
+        const char *data, *frames;  // frames separated by commas
+    } cases[] = {
+        {"DM", 100, 2, "34 12 78 56", "06 01 00 FF 10 1E 01 00 06 00 00 00 02 00 00 00 64 12 34 56 78 52 04"},
+        {"MR", 10, 2, "34 12 78 56", "06 01 00 FF 10 1E 01 00 11 00 00 00 02 00 00 00 A0 12 34 56 78 0B 04"},
+        {"Z", 3, 2, "78 56 34 12 F0 DE BC 9A",
+         "06 01 00 FF 14 1E 01 00 30 00 00 00 02 00 00 00 03 12 34 56 78 9A BC DE F0 61 04"},
+        {"TC", 5, 1, "E8 03 00 00", "06 01 00 FF 0A 18 00 01 20 00 05 00 00 03 E8 CE 04"},
+        {"TS", 9, 2, "0F 27 00 00 11 11 11 11",
+         "06 01 00 FF 0A 18 00 01 21 00 09 00 00 27 0F 7E 04, "
+         "06 01 00 FF 0A 18 00 01 21 00 0A 11 11 11 11 6F 04"},
+        {"R", 37, 1, "01", "06 01 00 FF 06 32 00 01 00 00 25 A3 04"},
+        {"B", 16, 3, "01 00 00",
+         "06 01 00 FF 06 32 00 01 1B 00 10 9D 04, 06 01 00 FF 06 33 00 01 1B 00 11 9B 04, "
+         "06 01 00 FF 06 33 00 01 1B 00 12 9A 04"},
     };
-    for (const WriteCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.reg + std::string(" ") + std::to_string(c.address));
         driver.frameList.clear();
         VARIABLE v = block(c.reg, c.address, c.length, c.data);
         getWriteFrame(v);
-        // Bit and timer/counter value frames carry one element: one frame per element.
-        const std::string r = c.reg;
-        const bool perElement = r == "R" || r == "B" || r == "TC" || r == "TS" || r == "CC" || r == "CS";
-        ASSERT_EQ(driver.frameList.size(), perElement ? c.length : 1);
-        const FRAME_PRO& f = frame(0);
-        EXPECT_EQ(bytesOf(f), hex(c.bytes));
-        EXPECT_EQ(f.replyLength, c.replyLength);
-        EXPECT_EQ(f.dataOffset, c.dataOffset);
-        EXPECT_EQ(f.elementCount, 0);
-        EXPECT_EQ(f.id, 77);
-        EXPECT_EQ(f.station, 3);
-        EXPECT_EQ(f.reg, QString::fromLatin1(c.reg));
-        EXPECT_EQ(f.address, c.address);
-        EXPECT_EQ(f.length, c.length);
-        EXPECT_EQ(f.data[0], c.data[0]);
+        const QStringList frames = QString::fromLatin1(c.frames).split(QLatin1Char(','));
+        ASSERT_EQ(driver.frameList.size(), frames.size());
+        const bool wordWrite = hex(c.frames)[5] == 0x1E;
+        for (int i = 0; i < frames.size(); ++i) {
+            EXPECT_EQ(bytesOf(frame(i)), hex(frames[i].toLatin1().constData())) << i;
+            EXPECT_EQ(book(frame(i)), (wordWrite ? "10 17 0 @" : "9 0 0 @") + std::to_string(c.address) +
+                                          "x" + std::to_string(c.length));
+            expectRecordOf(frame(i), v);
+        }
     }
-    // The second value of the TS block goes in its own frame, at the next address.
-    driver.frameList.clear();
-    VARIABLE ts = block("TS", 9, 2, {0x0F, 0x27, 0x00, 0x00, 0x11, 0x11, 0x11, 0x11});
-    getWriteFrame(ts);
-    ASSERT_EQ(driver.frameList.size(), 2);
-    EXPECT_EQ(bytesOf(frame(1)), hex("06 01 00 FF 0A 18 00 01 21 00 0A 11 11 11 11 6F 04"));
 }
 
 TEST_F(FrameBuilder, BitInWordWriteIsReadThenWrite) {
-    VARIABLE v = block("DM_bit", 1603, 1, {1});
+    VARIABLE v = block("DM_bit", 1603, 1, "01");
     getWriteFrame(v);
     ASSERT_EQ(driver.frameList.size(), 2);
     EXPECT_EQ(bytesOf(frame(0)), hex("06 01 00 FF 0C 1E 00 00 06 00 00 00 01 00 00 00 64 6C 04"));
-    EXPECT_EQ(frame(0).replyLength, 13);
-    EXPECT_EQ(frame(0).elementCount, 1);
-    EXPECT_EQ(frame(0).dataOffset, 9);
+    EXPECT_EQ(book(frame(0)), "13 9 1 @1603x1");
     EXPECT_EQ(bytesOf(frame(1)), hex("06 01 00 FF 0E 1E 01 00 06 00 00 00 01 00 00 00 64 00 00 69 04"));
-    EXPECT_EQ(frame(1).sendLength, 21);
-    EXPECT_EQ(frame(1).replyLength, 10);
-    EXPECT_EQ(frame(1).dataOffset, 17);
-    EXPECT_EQ(frame(1).elementCount, 0);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(frame(i).reg, QStringLiteral("DM_bit"));
-        EXPECT_EQ(frame(i).address, 1603);
-        EXPECT_EQ(frame(i).length, 1);
-        EXPECT_EQ(frame(i).data[0], 1);
-    }
+    EXPECT_EQ(book(frame(1)), "10 17 0 @1603x1");
+    for (int i = 0; i < 2; ++i) expectRecordOf(frame(i), v);
 
     driver.frameList.clear();
     VARIABLE mr = block("MR_bit", 165, 20);
@@ -300,11 +242,11 @@ TEST_F(FrameBuilder, BitInWordWriteIsReadThenWrite) {
 
 TEST_F(FrameBuilder, WritesThatAppendNothing) {
     const VARIABLE refused[] = {
-        block("C", 5, 1, {1}),       block("T", 5, 1, {1}),    block("XX", 0, 1),
-        block("Z_bit", 0, 1),        block("DM", 0, 0),        block("DM", -1, 1),
-        block("R", 0x10000, 1, {1}), block("B", -1, 1),        block("TC", 0x10000, 1),
-        block("CS", 3, 0),           block("DM", 0, 513),      block("Z", 0, 257),
-        block("MR", 0x0FFFFFFF, 2),  block("DM_bit", 0, 1025), block("DM_bit", 0, 0),
+        block("C", 5, 1, "01"),     block("T", 5, 1, "01"),   block("XX", 0, 1),
+        block("Z_bit", 0, 1),       block("DM", 0, 0),        block("DM", -1, 1),
+        block("B", -1, 1),          block("TC", 0x10000, 1),  block("R", 0x10000, 1, "01"),
+        block("CS", 3, 0),          block("DM", 0, 513),      block("Z", 0, 257),
+        block("MR", 0x0FFFFFFF, 2), block("DM_bit", 0, 1025), block("DM_bit", 0, 0),
         block("DM_bit", -16, 1),
     };
     for (VARIABLE v : refused) {
@@ -317,95 +259,50 @@ TEST_F(FrameBuilder, WritesThatAppendNothing) {
     getWriteFrame(bits);
     ASSERT_EQ(driver.frameList.size(), 2);
     EXPECT_EQ(frame(1).frame[4], 65 * 2 + 12);
-    VARIABLE r = block("R", 0xFFFF, 1, {1});
+    VARIABLE r = block("R", 0xFFFF, 1, "01");
     getWriteFrame(r);
     ASSERT_EQ(driver.frameList.size(), 3);
     EXPECT_EQ(bytesOf(frame(2)), hex("06 01 00 FF 06 32 00 01 00 FF FF CA 04"));
 }
 
-// The expected frame of one slice of a long write, built from its parts.
-std::vector<unsigned char> wordWrite(int area, int n, uint32_t start,
-                                     const std::vector<unsigned char>& valuesMsbFirst) {
-    std::vector<unsigned char> f = {0x06,
-                                    0x01,
-                                    0x00,
-                                    0xFF,
-                                    static_cast<unsigned char>(valuesMsbFirst.size() + 12),
-                                    0x1E,
-                                    0x01,
-                                    0x00,
-                                    static_cast<unsigned char>(area),
-                                    0x00,
-                                    0x00,
-                                    static_cast<unsigned char>(n >> 8),
-                                    static_cast<unsigned char>(n),
-                                    static_cast<unsigned char>(start >> 24),
-                                    static_cast<unsigned char>(start >> 16),
-                                    static_cast<unsigned char>(start >> 8),
-                                    static_cast<unsigned char>(start)};
-    for (unsigned char b : valuesMsbFirst) f.push_back(b);
-    f.push_back(deviceCheck(f, 3, f.size()));
-    f.push_back(0x04);
-    return f;
-}
-
-TEST_F(FrameBuilder, LongWordWriteIsSplitIntoFramesBelowTheLengthLimit) {
-    VARIABLE v = block("DM", 1000, 128);
-    for (int i = 0; i < 128; ++i) {
-        v.data[2 * i] = static_cast<unsigned char>(i);                    // low byte
-        v.data[2 * i + 1] = static_cast<unsigned char>(0x80 | (i >> 4));  // high byte
-    }
-    getWriteFrame(v);
-    ASSERT_EQ(driver.frameList.size(), 2);
-    const int first[2] = {0, 121};
-    const int count[2] = {121, 7};
-    for (int s = 0; s < 2; ++s) {
-        SCOPED_TRACE(s);
-        std::vector<unsigned char> values;
-        for (int i = first[s]; i < first[s] + count[s]; ++i) {
-            values.push_back(static_cast<unsigned char>(0x80 | (i >> 4)));
-            values.push_back(static_cast<unsigned char>(i));
+// Longer blocks go out as several frames whose length byte stays below 256:
+// 121 words or 60 double words each, every slice at its own start address.
+TEST_F(FrameBuilder, LongWritesAreSplitBelowTheLengthLimit) {
+    const struct {
+        const char* reg;
+        int area, address, unitBytes, addressScale;
+        std::vector<int> counts;
+    } cases[] = {
+        {"DM", 6, 1000, 2, 1, {121, 7}},
+        {"TRM", 38, 2, 4, 1, {60, 60, 8}},
+        {"LR", 18, 5, 2, 16, {121, 7}},  // relay words are addressed as word * 16
+    };
+    auto byteAt = [](int k) { return static_cast<unsigned char>(k * 7 + k / 256); };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reg);
+        driver.frameList.clear();
+        VARIABLE v = block(c.reg, c.address, 128);
+        for (int k = 0; k < 128 * c.unitBytes; ++k) v.data[k] = byteAt(k);
+        getWriteFrame(v);
+        ASSERT_EQ(size_t(driver.frameList.size()), c.counts.size());
+        int first = 0;
+        for (size_t s = 0; s < c.counts.size(); ++s) {
+            const int n = c.counts[s];
+            const uint32_t start = uint32_t((c.address + first) * c.addressScale);
+            std::vector<unsigned char> expected;
+            for (int x : {0x06, 0x01, 0x00, 0xFF, n * c.unitBytes + 12, 0x1E, 0x01, 0x00, c.area, 0x00, 0x00,
+                          n >> 8, n, int(start >> 24), int(start >> 16), int(start >> 8), int(start)})
+                expected.push_back(static_cast<unsigned char>(x));
+            for (int i = first; i < first + n; ++i)
+                for (int b = c.unitBytes - 1; b >= 0; --b) expected.push_back(byteAt(c.unitBytes * i + b));
+            expected.push_back(deviceCheck(expected, 3, expected.size()));
+            expected.push_back(0x04);
+            EXPECT_EQ(bytesOf(frame(int(s))), expected) << s;
+            EXPECT_EQ(book(frame(int(s))), "10 17 0 @" + std::to_string(c.address) + "x128");
+            expectRecordOf(frame(int(s)), v);
+            first += n;
         }
-        const FRAME_PRO& f = frame(s);
-        EXPECT_EQ(bytesOf(f), wordWrite(6, count[s], 1000 + first[s], values));
-        EXPECT_EQ(f.sendLength, 2 * count[s] + 19);
-        EXPECT_LT(f.frame[4], 256 - 1);
-        EXPECT_EQ(f.replyLength, 10);
-        EXPECT_EQ(f.dataOffset, 17);
-        EXPECT_EQ(f.elementCount, 0);
-        EXPECT_EQ(f.reg, QStringLiteral("DM"));
-        EXPECT_EQ(f.address, 1000);
-        EXPECT_EQ(f.length, 128);
-        EXPECT_EQ(f.data[255], v.data[255]);
     }
-    EXPECT_EQ(frame(0).sendLength, 261);
-}
-
-TEST_F(FrameBuilder, LongDoubleWordWriteIsSplitIntoSixtyValueFrames) {
-    VARIABLE v = block("TRM", 2, 128);
-    for (int i = 0; i < 4 * 128; ++i) v.data[i] = static_cast<unsigned char>(i * 7);
-    getWriteFrame(v);
-    ASSERT_EQ(driver.frameList.size(), 3);
-    const int first[3] = {0, 60, 120};
-    const int count[3] = {60, 60, 8};
-    for (int s = 0; s < 3; ++s) {
-        SCOPED_TRACE(s);
-        std::vector<unsigned char> values;
-        for (int i = first[s]; i < first[s] + count[s]; ++i)
-            for (int b = 3; b >= 0; --b) values.push_back(static_cast<unsigned char>((4 * i + b) * 7));
-        EXPECT_EQ(bytesOf(frame(s)), wordWrite(38, count[s], 2 + first[s], values));
-        EXPECT_EQ(frame(s).sendLength, 4 * count[s] + 19);
-        EXPECT_EQ(frame(s).address, 2);
-        EXPECT_EQ(frame(s).length, 128);
-    }
-}
-
-TEST_F(FrameBuilder, LongRelayWordWriteStartsEachSliceAtItsWordTimesSixteen) {
-    VARIABLE v = block("LR", 5, 128);
-    getWriteFrame(v);
-    ASSERT_EQ(driver.frameList.size(), 2);
-    EXPECT_EQ(bytesOf(frame(0)), wordWrite(18, 121, 5 * 16, std::vector<unsigned char>(242, 0)));
-    EXPECT_EQ(bytesOf(frame(1)), wordWrite(18, 7, (5 + 121) * 16, std::vector<unsigned char>(14, 0)));
 }
 
 // Whatever block comes in, every frame stays inside its buffer, its length
@@ -416,7 +313,7 @@ TEST_F(FrameBuilder, NoBlockYieldsAnOversizedOrBrokenFrame) {
     for (int r = 0; r < REG_COUNT; ++r) {
         for (int a : addresses) {
             for (int n : lengths) {
-                VARIABLE v = block(REG_LIST[r], a, n, {1, 2, 3, 4});
+                VARIABLE v = block(REG_LIST[r], a, n, "01 02 03 04");
                 driver.frameList.clear();
                 read(v);
                 getWriteFrame(v);

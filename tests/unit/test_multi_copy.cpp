@@ -2,124 +2,74 @@
 #include "kv3000_intf.h"
 #include "serviceForProtocol/multi_copy.h"
 
+#include <QStringList>
+
 #include <gtest/gtest.h>
 
 #include <climits>
 
 namespace {
 
-struct Copies {
-    int result;
-    QVector<QString> texts;
-    QVector<int> addresses;
-};
-
-Copies copies(const char* reg, int start, int count, int step) {
-    Copies r;
-    r.result = intf_multiCopy(QString::fromLatin1(reg), start, count, step, r.texts, r.addresses);
-    return r;
+// "result: text=address text=address ..."
+std::string run(const QString& reg, int start, int count, int step, QVector<QString> texts = {},
+                QVector<int> addresses = {}) {
+    const int result = intf_multiCopy(reg, start, count, step, texts, addresses);
+    QStringList out;
+    EXPECT_EQ(texts.size(), addresses.size());
+    for (int i = 0; i < texts.size() && i < addresses.size(); ++i)
+        out << texts[i] + "=" + QString::number(addresses[i]);
+    return (QString::number(result) + ":" + (out.isEmpty() ? "" : " ") + out.join(' ')).toStdString();
 }
 
-TEST(MultiCopy, ClipsAtTheHighestAddress) {
-    const Copies r = copies("DM", 65533, 4, 1);
-    EXPECT_EQ(r.result, 2);
-    EXPECT_EQ(r.texts, (QVector<QString>{"65533", "65534", "65535", "65535"}));
-    EXPECT_EQ(r.addresses, (QVector<int>{65533, 65534, 65535, 65535}));
-
-    const Copies zf = copies("ZF", 131070, 3, 1);
-    EXPECT_EQ(zf.result, 2);
-    EXPECT_EQ(zf.texts, (QVector<QString>{"131070", "131071", "131071"}));
-
-    const Copies bits = copies("MR_bit", 15998, 3, 1);
-    EXPECT_EQ(bits.result, 2);
-    EXPECT_EQ(bits.texts, (QVector<QString>{"999.14", "999.15", "999.15"}));
-    EXPECT_EQ(bits.addresses, (QVector<int>{15998, 15999, 15999}));
-
-    const Copies hex = copies("B", 0x3FFE, 3, 1);
-    EXPECT_EQ(hex.texts,
-              (QVector<QString>{"3ffe", "3fff", "3FFF"}));  // the maximum as the catalogue writes it
-}
-
-TEST(MultiCopy, UpToTheMaximumIsComplete) {
-    const Copies r = copies("DM", 65533, 3, 1);
-    EXPECT_EQ(r.result, 1);
-    EXPECT_EQ(r.addresses, (QVector<int>{65533, 65534, 65535}));
-}
-
-TEST(MultiCopy, HexTextsAreLowerCaseWithoutLeadingZeros) {
-    const Copies w = copies("W", 10, 3, 1);
-    EXPECT_EQ(w.result, 1);
-    EXPECT_EQ(w.texts, (QVector<QString>{"a", "b", "c"}));
-    EXPECT_EQ(copies("B", 1018, 1, 1).texts, (QVector<QString>{"3fa"}));
-    EXPECT_EQ(copies("B", 0, 1, 1).texts, (QVector<QString>{"0"}));
-    EXPECT_EQ(copies("DM", 7, 2, 10).texts, (QVector<QString>{"7", "17"}));
-}
-
-TEST(MultiCopy, WordBitTexts) {
-    const Copies r = copies("MR_bit", 16, 3, 1);
-    EXPECT_EQ(r.result, 1);
-    EXPECT_EQ(r.texts, (QVector<QString>{"1.0", "1.1", "1.2"}));
-    EXPECT_EQ(r.addresses, (QVector<int>{16, 17, 18}));
-}
-
-TEST(MultiCopy, WordAndDoubleWordStepsFollowTheTransferUnit) {
-    const Copies r = copies("R", 0, 3, -1);
-    EXPECT_EQ(r.addresses, (QVector<int>{0, 16, 32}));
-    EXPECT_EQ(r.texts, (QVector<QString>{"0.0", "1.0", "2.0"}));
-    EXPECT_EQ(copies("R", 0, 2, -2).addresses, (QVector<int>{0, 32}));
-    EXPECT_EQ(copies("B", 0, 2, -1).texts, (QVector<QString>{"0", "10"}));
-    EXPECT_EQ(copies("DM", 0, 3, -1).addresses, (QVector<int>{0, 1, 2}));
-    EXPECT_EQ(copies("DM", 0, 3, -2).addresses, (QVector<int>{0, 2, 4}));
-    EXPECT_EQ(copies("TC", 0, 3, -1).addresses, (QVector<int>{0, 1, 2}));
-    EXPECT_EQ(copies("TC", 0, 3, -2).addresses, (QVector<int>{0, 1, 2}));
-    // "_bit" registers transfer words, so a word step is one address.
-    EXPECT_EQ(copies("DM_bit", 0, 2, -1).addresses, (QVector<int>{0, 1}));
-}
-
-TEST(MultiCopy, StepsBelowOneBecomeOne) {
-    for (int step : {0, -3, INT_MIN}) EXPECT_EQ(copies("DM", 5, 3, step).addresses, (QVector<int>{5, 6, 7}));
-}
-
-TEST(MultiCopy, UnknownRegisterAppendsNothing) {
-    Copies r;
-    r.texts = {"keep"};
-    r.addresses = {42};
-    EXPECT_EQ(intf_multiCopy("XX", 0, 3, 1, r.texts, r.addresses), 0);
-    EXPECT_EQ(r.texts, (QVector<QString>{"keep"}));
-    EXPECT_EQ(r.addresses, (QVector<int>{42}));
-    EXPECT_EQ(intf_multiCopy("dm", 0, 3, 1, r.texts, r.addresses), 0);
-}
-
-TEST(MultiCopy, NoCopiesIsComplete) {
-    for (int count : {0, -1, INT_MIN}) {
-        const Copies r = copies("DM", 0, count, 1);
-        EXPECT_EQ(r.result, 1);
-        EXPECT_TRUE(r.texts.isEmpty());
-        EXPECT_TRUE(r.addresses.isEmpty());
+TEST(MultiCopy, Runs) {
+    const struct {
+        const char* reg;
+        int start, count, step;
+        const char* expected;
+    } cases[] = {
+        // Clipped at the highest address, which is written as the catalogue writes it.
+        {"DM", 65533, 4, 1, "2: 65533=65533 65534=65534 65535=65535 65535=65535"},
+        {"ZF", 131070, 3, 1, "2: 131070=131070 131071=131071 131071=131071"},
+        {"MR_bit", 15998, 3, 1, "2: 999.14=15998 999.15=15999 999.15=15999"},
+        {"B", 0x3FFE, 3, 1, "2: 3ffe=16382 3fff=16383 3FFF=16383"},
+        {"DM", 65533, 3, 1, "1: 65533=65533 65534=65534 65535=65535"},
+        {"DM", INT_MAX - 1, 3, INT_MAX, "2: 65535=65535 65535=65535 65535=65535"},
+        {"DM", 60000, 4, 1 << 30, "2: 60000=60000 65535=65535 65535=65535 65535=65535"},
+        // Hex texts are lower case without leading zeros; word.bit texts.
+        {"W", 10, 3, 1, "1: a=10 b=11 c=12"},
+        {"B", 1018, 1, 1, "1: 3fa=1018"},
+        {"B", 0, 1, 1, "1: 0=0"},
+        {"DM", 7, 2, 10, "1: 7=7 17=17"},
+        {"MR_bit", 16, 3, 1, "1: 1.0=16 1.1=17 1.2=18"},
+        // Steps -1 and -2 are a word and a double word of the register's transfer unit.
+        {"R", 0, 3, -1, "1: 0.0=0 1.0=16 2.0=32"},
+        {"R", 0, 2, -2, "1: 0.0=0 2.0=32"},
+        {"B", 0, 2, -1, "1: 0=0 10=16"},
+        {"DM", 0, 3, -1, "1: 0=0 1=1 2=2"},
+        {"DM", 0, 3, -2, "1: 0=0 2=2 4=4"},
+        {"TC", 0, 3, -1, "1: 0=0 1=1 2=2"},
+        {"TC", 0, 3, -2, "1: 0=0 1=1 2=2"},
+        {"DM_bit", 0, 2, -1, "1: 0.0=0 0.1=1"},  // "_bit" registers transfer words: one address
+        // Other steps below one become one.
+        {"DM", 5, 3, 0, "1: 5=5 6=6 7=7"},
+        {"DM", 5, 3, -3, "1: 5=5 6=6 7=7"},
+        {"DM", 5, 3, INT_MIN, "1: 5=5 6=6 7=7"},
+        // No copies is complete; the start is not compared with the minimum.
+        {"DM", 0, 0, 1, "1:"},
+        {"DM", 0, -1, 1, "1:"},
+        {"DM", 0, INT_MIN, 1, "1:"},
+        {"DM", -2, 3, 1, "1: 4294967294=-2 4294967295=-1 0=0"},
+        // Unknown registers append nothing.
+        {"XX", 0, 3, 1, "0:"},
+        {"dm", 0, 3, 1, "0:"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(run(c.reg, c.start, c.count, c.step), c.expected)
+            << c.reg << " " << c.start << " " << c.count << " " << c.step;
     }
-}
-
-TEST(MultiCopy, OutputsAreAppendedTo) {
-    QVector<QString> texts{"x"};
-    QVector<int> addresses{-7};
-    EXPECT_EQ(intf_multiCopy("DM", 3, 2, 1, texts, addresses), 1);
-    EXPECT_EQ(texts, (QVector<QString>{"x", "3", "4"}));
-    EXPECT_EQ(addresses, (QVector<int>{-7, 3, 4}));
-}
-
-TEST(MultiCopy, AddressesBeyondTheIntRangeAreClipped) {
-    const Copies r = copies("DM", INT_MAX - 1, 3, INT_MAX);
-    EXPECT_EQ(r.result, 2);
-    EXPECT_EQ(r.addresses, (QVector<int>{65535, 65535, 65535}));
-    const Copies big = copies("DM", 60000, 4, 1 << 30);
-    EXPECT_EQ(big.addresses, (QVector<int>{60000, 65535, 65535, 65535}));
-}
-
-TEST(MultiCopy, TheStartIsNotComparedWithTheMinimum) {
-    const Copies r = copies("DM", -2, 3, 1);
-    EXPECT_EQ(r.result, 1);
-    EXPECT_EQ(r.addresses, (QVector<int>{-2, -1, 0}));
-    EXPECT_EQ(r.texts, (QVector<QString>{"4294967294", "4294967295", "0"}));
+    // The outputs are appended to, never cleared.
+    EXPECT_EQ(run("DM", 3, 2, 1, {"x"}, {-7}), "1: x=-7 3=3 4=4");
+    EXPECT_EQ(run("XX", 3, 2, 1, {"keep"}, {42}), "0: keep=42");
 }
 
 TEST(MultiCopy, AWordBitTextThatCannotBeWrittenStopsTheRun) {

@@ -1,6 +1,7 @@
 // The receive path: acceptance, retries and abandonment, message texts, and
 // the bookkeeping at the end of each kind of transaction.
 #include "kv_responder.h"
+#include "records.h"
 #include "runtime_fixture.h"
 
 #include <QByteArray>
@@ -28,13 +29,8 @@ protected:
         return f;
     }
     void addRead(const char* reg, int address, int length) {
-        VARIABLE v;
-        v.id = 4;
-        v.station = 1;
-        v.reg = QString::fromLatin1(reg);
-        v.address = address;
-        v.length = length;
-        driver.readList.append(v);
+        driver.readList.append(makeItem(reg, address, length));
+        driver.readList.last().id = 4;
     }
     KvResponder plc;
 };
@@ -47,7 +43,7 @@ TEST_F(Receive, NothingOutstanding) {
     EXPECT_TRUE(m.isEmpty());
 }
 
-TEST_F(Receive, ThreeBadRepliesAbandonWithRetryTimesThree) {
+TEST_F(Receive, BadRepliesAreRetriedUpToRetryTimes) {
     finishHandshake();
     addRead("DM", 100, 5);
     next();
@@ -59,20 +55,16 @@ TEST_F(Receive, ThreeBadRepliesAbandonWithRetryTimesThree) {
     EXPECT_TRUE(driver.frameList.isEmpty());
     EXPECT_EQ(driver.retryCount, 0);
     EXPECT_EQ(driver.commError, 1);
-}
 
-TEST_F(Receive, GoodReplyAfterTwoBadResetsTheCount) {
-    finishHandshake();
-    addRead("DM", 100, 1);
+    // A good reply after two bad ones resets the count and the error.
     const FRAME_PRO f = next();
     EXPECT_EQ(deal(""), 8);
     EXPECT_EQ(deal(plc.answer(f).left(5)), 8);  // a reply in pieces is a bad reply
     EXPECT_EQ(deal(plc.answer(f)), 1);
     EXPECT_EQ(driver.retryCount, 0);
     EXPECT_EQ(driver.commError, 0);
-}
 
-TEST_F(Receive, RetryTimesZeroAbandonsAtOnce) {
+    // With retryTimes 0 the first bad reply ends the transaction.
     initDriver("1#0#0#0#10");
     finishHandshake();
     addRead("DM", 100, 1);
@@ -103,15 +95,7 @@ TEST_F(Receive, HandshakeMessageIsConnectionFailed) {
 
 TEST_F(Receive, MessageTexts) {
     finishHandshake();
-    VARIABLE v;
-    v.station = 2;
-    v.reg = QStringLiteral("DM_bit");
-    v.address = 1605;
-    v.length = 1;
-    {
-        std::lock_guard<std::mutex> lock(driver.mutex);
-        driver.writeList.append(v);
-    }
+    queueWrites({makeItem("DM_bit", 1605, 1, 2)});
     next();
     QString m;
     deal("bad", &m);
@@ -147,13 +131,7 @@ TEST_F(Receive, FailedWriteIsSettledAndLeavesTheQueue) {
     finishHandshake();
     unsigned char v[2] = {0x34, 0x12};
     QString dm = QStringLiteral("DM");
-    QList<KEY_ADDRESS> keys;
-    KEY_ADDRESS k;
-    k.station = 1;
-    k.reg = dm;
-    k.address = 100;
-    k.length = 1;
-    keys << k;
+    QList<KEY_ADDRESS> keys{makeKey("DM", 100, 1)};
     intf_addrMerge(keys);
     intf_setData(1, &dm, 100, 1, v, 5);
     intf_setData(1, &dm, 101, 1, v, 6);
@@ -164,12 +142,8 @@ TEST_F(Receive, FailedWriteIsSettledAndLeavesTheQueue) {
     EXPECT_EQ(deal("x"), 8);
     EXPECT_EQ(deal("x"), 2);
     // The written value is withdrawn and the screen told.
-    ASSERT_EQ(calls().size(), 1u);
-    EXPECT_EQ(calls()[0], (CallbackRecord{1, 1, "DM", 100}));
-    unsigned char out[2] = {9, 9};
-    intf_getData(1, dm, 100, 1, out);
-    EXPECT_EQ(out[0], 0);
-    EXPECT_EQ(out[1], 0);
+    EXPECT_EQ(calls(), (std::vector<CallbackRecord>{{1, 1, "DM", 100}}));
+    EXPECT_EQ(shownUnit("DM", 100), 0u);
     EXPECT_EQ(next().address, 101);
 }
 
@@ -180,14 +154,7 @@ protected:
         finishHandshake();
         QVector<_RCP_VAR_PRO> entries;
         for (int i = 0; i < 3; ++i) {
-            _RCP_VAR_PRO e;
-            e.protocolId = 1;
-            e.station = 1;
-            e.reg = QStringLiteral("DM");
-            e.address = 100 * (i + 1);
-            e.length = 1;
-            e.bufferOffset = i;
-            entries.append(e);
+            entries.append(makeEntry("DM", 100 * (i + 1), 1, i));
             plc.setWord(6, 100 * (i + 1), static_cast<uint16_t>(0x100 + i));
         }
         ASSERT_EQ(intf_setRcpAddress(entries), 3);
@@ -225,39 +192,6 @@ TEST_F(RecipeRead, ErrorInTheSecondBlockEndsTheTransfer) {
     EXPECT_EQ(recipe[1], 0);
 }
 
-TEST_F(Receive, ConditionReadCompletionIsReportedForTheLastRequestOnly) {
-    finishHandshake();
-    KEY_ADDRESS a;
-    a.station = 1;
-    a.reg = QStringLiteral("DM");
-    a.address = 10;
-    a.length = 1;
-    KEY_ADDRESS b = a;
-    b.address = 20;
-    intf_addConditionRead(a, 1);
-    intf_addConditionRead(b, 2);
-    plc.setWord(6, 20, 42);
-    runLoop(plc, 1);
-    EXPECT_TRUE(calls().empty());
-    runLoop(plc, 1);
-    ASSERT_EQ(calls().size(), 1u);
-    EXPECT_EQ(calls()[0], (CallbackRecord{-1, -1, "-1", 0}));
-    unsigned char out[2];
-    intf_getData(1, QStringLiteral("DM"), 20, 1, out);
-    EXPECT_EQ(out[0], 42);
-
-    // A failure empties the list and reports -1.
-    calls().clear();
-    intf_addConditionRead(a, 3);
-    intf_addConditionRead(b, 4);
-    next();
-    deal("x");
-    deal("x");
-    deal("x");
-    EXPECT_TRUE(driver.conditionReadList.isEmpty());
-    ASSERT_EQ(calls().size(), 0u);  // the failed item was not the last request
-}
-
 TEST_F(Receive, ConditionReadQueuedFromTheCompletionCallbackIsKept) {
     finishHandshake();
     static bool queued;
@@ -265,20 +199,10 @@ TEST_F(Receive, ConditionReadQueuedFromTheCompletionCallbackIsKept) {
     intf_setAddrValueChangeCallBack([](int context, int, const QString&, int) {
         if (context == -1 && !queued) {
             queued = true;
-            KEY_ADDRESS k;
-            k.station = 1;
-            k.reg = QStringLiteral("TM");
-            k.address = 9;
-            k.length = 1;
-            intf_addConditionRead(k, 8);
+            intf_addConditionRead(makeKey("TM", 9, 1), 8);
         }
     });
-    KEY_ADDRESS a;
-    a.station = 1;
-    a.reg = QStringLiteral("DM");
-    a.address = 10;
-    a.length = 1;
-    intf_addConditionRead(a, 1);
+    intf_addConditionRead(makeKey("DM", 10, 1), 1);
     runLoop(plc, 1);
     EXPECT_TRUE(queued);
     ASSERT_EQ(driver.conditionReadList.size(), 1);
@@ -287,17 +211,8 @@ TEST_F(Receive, ConditionReadQueuedFromTheCompletionCallbackIsKept) {
 
 TEST_F(Receive, PollingReportsAChangeInTheController) {
     finishHandshake();
-    QList<KEY_ADDRESS> keys;
-    const char* regs[4] = {"DM", "R", "TC", "MR_bit"};
-    const int addresses[4] = {100, 37, 5, 165};
-    for (int i = 0; i < 4; ++i) {
-        KEY_ADDRESS k;
-        k.station = 1;
-        k.reg = QString::fromLatin1(regs[i]);
-        k.address = addresses[i];
-        k.length = i == 2 ? 2 : 1;
-        keys << k;
-    }
+    QList<KEY_ADDRESS> keys{makeKey("DM", 100, 1), makeKey("R", 37, 1), makeKey("TC", 5, 2),
+                            makeKey("MR_bit", 165, 1)};
     intf_addrMerge(keys);
     runLoop(plc, 8);
     calls().clear();
@@ -310,15 +225,10 @@ TEST_F(Receive, PollingReportsAChangeInTheController) {
         {1, 1, "DM", 100}, {1, 1, "R", 37}, {1, 1, "TC", 5}, {1, 1, "MR_bit", 165}};
     for (const auto& e : expected)
         EXPECT_NE(std::find(calls().begin(), calls().end(), e), calls().end()) << e.name.toStdString();
-    unsigned char w[2], b, d[4], mb;
-    intf_getData(1, QStringLiteral("DM"), 100, 1, w);
-    intf_getData(1, QStringLiteral("R"), 37, 1, &b);
-    intf_getData(1, QStringLiteral("TC"), 5, 2, d);
-    intf_getData(1, QStringLiteral("MR_bit"), 165, 1, &mb);
-    EXPECT_EQ(w[0] + 256 * w[1], 4321);
-    EXPECT_EQ(b, 1);
-    EXPECT_EQ(d[0] + 256 * d[1] + 65536 * d[2], 123456);
-    EXPECT_EQ(mb, 1);
+    EXPECT_EQ(shownUnit("DM", 100), 4321u);
+    EXPECT_EQ(shownUnit("R", 37), 1u);
+    EXPECT_EQ(shownUnit("TC", 5), 123456u);
+    EXPECT_EQ(shownUnit("MR_bit", 165), 1u);
 }
 
 TEST_F(Receive, AnyBytesGiveADefinedResult) {

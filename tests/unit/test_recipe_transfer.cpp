@@ -1,7 +1,8 @@
-// Recipe download and upload through the whole loop, for every kind of entry:
-// long word entries cut into several blocks, 32-bit values, relay bits and
-// bits inside words.
+// Recipe download and upload through the whole loop: every kind of entry,
+// long bit entries, contacts, and change reports that replace the recipe or
+// re-initialise the driver.
 #include "kv_responder.h"
+#include "records.h"
 #include "runtime_fixture.h"
 
 namespace {
@@ -11,36 +12,33 @@ protected:
     void SetUp() override {
         RuntimeFixture::SetUp();
         runLoop(plc, 5);
-        entries.append(entry("DM", 1000, 300, 0));      // words 0..299: three blocks
-        entries.append(entry("TC", 7, 6, 300));         // three values: words 300..305
-        entries.append(entry("R", 35, 5, 306));         // one word per bit: 306..310
-        entries.append(entry("DM_bit", 1614, 4, 311));  // DM 100.14 .. 101.01: 311..314
-        ASSERT_EQ(intf_setRcpAddress(entries), 4);
-    }
-    static _RCP_VAR_PRO entry(const char* reg, int address, int length, int offset) {
-        _RCP_VAR_PRO e;
-        e.protocolId = 1;
-        e.station = 1;
-        e.reg = QString::fromLatin1(reg);
-        e.address = address;
-        e.length = length;
-        e.bufferOffset = offset;
-        return e;
     }
     // Runs the loop until the runtime's request byte is cleared.
     void transfer(bool download) {
-        if (download)
-            requestRecipeWrite(true);
-        else
-            requestRecipeRead(true);
-        for (int i = 0; i < 100 && (download ? recipeWriteByte() : recipeReadByte()); ++i) runLoop(plc, 1);
+        download ? requestRecipeWrite(true) : requestRecipeRead(true);
+        for (int i = 0; i < 600 && (download ? recipeWriteByte() : recipeReadByte()); ++i) runLoop(plc, 1);
         ASSERT_EQ(download ? recipeWriteByte() : recipeReadByte(), 0);
     }
-    QVector<_RCP_VAR_PRO> entries;
     KvResponder plc;
 };
 
-TEST_F(RecipeTransfer, DownloadWritesEveryEntryAndNothingElse) {
+// Every kind of entry: long word entries cut into several blocks, 32-bit
+// values, relay bits and bits inside words.
+class RecipeOfEveryKind : public RecipeTransfer {
+protected:
+    void SetUp() override {
+        RecipeTransfer::SetUp();
+        QVector<_RCP_VAR_PRO> entries{
+            makeEntry("DM", 1000, 300, 0),      // words 0..299: three blocks
+            makeEntry("TC", 7, 6, 300),         // three values: words 300..305
+            makeEntry("R", 35, 5, 306),         // one word per bit: 306..310
+            makeEntry("DM_bit", 1614, 4, 311),  // DM 100.14 .. 101.01: 311..314
+        };
+        ASSERT_EQ(intf_setRcpAddress(entries), 4);
+    }
+};
+
+TEST_F(RecipeOfEveryKind, DownloadWritesEveryEntryAndNothingElse) {
     for (int w = 0; w < 300; ++w) recipe[w] = static_cast<unsigned short>(w * 7 + 1);
     recipe[300] = 0x5678;  // TC7 = 0x12345678, low half first
     recipe[301] = 0x1234;
@@ -71,7 +69,7 @@ TEST_F(RecipeTransfer, DownloadWritesEveryEntryAndNothingElse) {
     EXPECT_EQ(plc.word(6, 101), 0x0F0E);  // bit 0 cleared, bit 1 set
 }
 
-TEST_F(RecipeTransfer, UploadFillsTheBufferWhereTheRuntimeLooks) {
+TEST_F(RecipeOfEveryKind, UploadFillsTheBufferWhereTheRuntimeLooks) {
     for (int w = 0; w < 300; ++w) plc.setWord(6, 1000 + w, static_cast<uint16_t>(0x4000 + w));
     plc.timer(2, 7).current = 0xCAFEF00D;
     plc.timer(2, 9).current = 77;
@@ -96,41 +94,11 @@ TEST_F(RecipeTransfer, UploadFillsTheBufferWhereTheRuntimeLooks) {
     EXPECT_EQ(announced, 315);
 }
 
-}  // namespace
-
-namespace {
-
-class RecipeEdges : public RuntimeFixture {
-protected:
-    void SetUp() override {
-        RuntimeFixture::SetUp();
-        runLoop(plc, 5);
-    }
-    static _RCP_VAR_PRO entry(const char* reg, int address, int length, int offset) {
-        _RCP_VAR_PRO e;
-        e.protocolId = 1;
-        e.station = 1;
-        e.reg = QString::fromLatin1(reg);
-        e.address = address;
-        e.length = length;
-        e.bufferOffset = offset;
-        return e;
-    }
-    void run(bool download) {
-        if (download)
-            requestRecipeWrite(true);
-        else
-            requestRecipeRead(true);
-        for (int i = 0; i < 600 && (download ? recipeWriteByte() : recipeReadByte()); ++i) runLoop(plc, 1);
-    }
-    KvResponder plc;
-};
-
-TEST_F(RecipeEdges, LongBitEntriesDownloadEveryBitFromItsOwnWord) {
-    QVector<_RCP_VAR_PRO> entries{entry("R", 0, 200, 0), entry("DM_bit", 1600, 200, 200)};
+TEST_F(RecipeTransfer, LongBitEntriesDownloadEveryBitFromItsOwnWord) {
+    QVector<_RCP_VAR_PRO> entries{makeEntry("R", 0, 200, 0), makeEntry("DM_bit", 1600, 200, 200)};
     ASSERT_EQ(intf_setRcpAddress(entries), 2);
     for (int j = 0; j < 400; ++j) recipe[j] = (j * 7) % 3 == 0;
-    run(true);
+    transfer(true);
     for (int j = 0; j < 200; ++j) ASSERT_EQ(plc.bit(0, j), recipe[j] != 0) << j;
     for (int j = 0; j < 200; ++j) {
         const int b = 1600 + j;
@@ -138,22 +106,22 @@ TEST_F(RecipeEdges, LongBitEntriesDownloadEveryBitFromItsOwnWord) {
     }
 }
 
-TEST_F(RecipeEdges, ContactsAreSkippedInADownloadAndAOneWordTimerEntryHoldsOneValue) {
-    QVector<_RCP_VAR_PRO> entries{entry("T", 0, 1, 0), entry("DM", 100, 1, 1), entry("TC", 5, 1, 2),
-                                  entry("Z", 1, 2, 4)};
+TEST_F(RecipeTransfer, ContactsAreSkippedInADownloadAndAOneWordTimerEntryHoldsOneValue) {
+    QVector<_RCP_VAR_PRO> entries{makeEntry("T", 0, 1, 0), makeEntry("DM", 100, 1, 1),
+                                  makeEntry("TC", 5, 1, 2), makeEntry("Z", 1, 2, 4)};
     ASSERT_EQ(intf_setRcpAddress(entries), 4);
     recipe[1] = 0x1234;
     recipe[2] = 7;
     recipe[4] = 9;
-    run(true);
+    transfer(true);
     EXPECT_EQ(recipeWriteByte(), 0);
     EXPECT_EQ(plc.word(6, 100), 0x1234);
     EXPECT_EQ(plc.timer(2, 5).current, 7u);
     EXPECT_EQ(plc.dword(48, 1), 9u);
 }
 
-TEST_F(RecipeEdges, RecipeReplacedFromTheCallbackDuringAnUpload) {
-    QVector<_RCP_VAR_PRO> entries{entry("DM", 100, 3, 0)};
+TEST_F(RecipeTransfer, RecipeReplacedFromTheCallbackDuringAnUpload) {
+    QVector<_RCP_VAR_PRO> entries{makeEntry("DM", 100, 3, 0)};
     ASSERT_EQ(intf_setRcpAddress(entries), 1);
     intf_setAddrValueChangeCallBack([](int, int, const QString& name, int) {
         if (name == "RWI") {
@@ -161,11 +129,11 @@ TEST_F(RecipeEdges, RecipeReplacedFromTheCallbackDuringAnUpload) {
             intf_setRcpAddress(none);  // empties the recipe entries under the parser
         }
     });
-    run(false);
+    transfer(false);
     EXPECT_EQ(recipeReadByte(), 0);
 }
 
-TEST_F(RecipeEdges, ReinitialisedFromTheCallbackDuringAWrite) {
+TEST_F(RecipeTransfer, ReinitialisedFromTheCallbackDuringAWrite) {
     intf_setAddrValueChangeCallBack([](int, int, const QString&, int) {
         static unsigned char shm2[60117];
         static unsigned short recipe2[16];

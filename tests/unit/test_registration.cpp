@@ -1,27 +1,16 @@
 // Monitored-address registration and recipe addresses.
+#include "records.h"
 #include "runtime_fixture.h"
+#include "serviceForProtocol/data_area.h"
 #include "serviceForProtocol/recipe.h"
 
 namespace {
 
-KEY_ADDRESS key(const char* reg, int address, int length, int station = 1) {
-    KEY_ADDRESS k;
-    k.station = station;
-    k.reg = QString::fromLatin1(reg);
-    k.address = address;
-    k.length = length;
-    return k;
+KEY_ADDRESS key(const char* reg, int address, int length) {
+    return makeKey(reg, address, length);
 }
-
 _RCP_VAR_PRO entry(const char* reg, int address, int length, int offset, int protocolId = 1) {
-    _RCP_VAR_PRO e;
-    e.protocolId = protocolId;
-    e.station = 1;
-    e.reg = QString::fromLatin1(reg);
-    e.address = address;
-    e.length = length;
-    e.bufferOffset = offset;
-    return e;
+    return makeEntry(reg, address, length, offset, protocolId);
 }
 
 using Registration = RuntimeFixture;
@@ -68,16 +57,11 @@ TEST_F(Registration, BitKeyReadsWordsButMonitorsBits) {
     EXPECT_EQ(driver.readList.first().reg, "DM");
     EXPECT_EQ(driver.readList.first().address, 100);
     EXPECT_EQ(driver.readList.first().length, 2);
-    int at100 = -1, at101 = -1;
-    for (int i = 0; i < driver.dataArea.size(); ++i) {
-        if (driver.dataArea[i].regKey == "DM" && driver.dataArea[i].address == 100) at100 = i;
-        if (driver.dataArea[i].regKey == "DM" && driver.dataArea[i].address == 101) at101 = i;
-    }
-    ASSERT_GE(at100, 0);
-    ASSERT_GE(at101, 0);
-    EXPECT_EQ(driver.dataArea[at100].monitorBits, 1u << 15);
-    EXPECT_EQ(driver.dataArea[at101].monitorBits, 0x7u);
-    EXPECT_EQ(driver.dataArea[at100].monitorFlags, 0u);
+    ASSERT_EQ(driver.dataArea.size(), 2);
+    const _DATA_& at100 = driver.dataArea[getIndexOfDataArea(1, "DM", 100, driver.dataArea)];
+    EXPECT_EQ(at100.monitorBits, 1u << 15);
+    EXPECT_EQ(at100.monitorFlags, 0u);
+    EXPECT_EQ(driver.dataArea[getIndexOfDataArea(1, "DM", 101, driver.dataArea)].monitorBits, 0x7u);
 }
 
 TEST_F(Registration, SecondCallReplacesTheFirst) {

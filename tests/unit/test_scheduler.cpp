@@ -1,6 +1,7 @@
 // The frame scheduler: precedence of handshake, recipe transfers, writes,
 // condition reads and cyclic reads, their limits, and re-sending.
 #include "kv_responder.h"
+#include "records.h"
 #include "runtime_fixture.h"
 
 #include <QByteArray>
@@ -13,13 +14,7 @@ class Scheduler : public RuntimeFixture {
 protected:
     // Answers the handshake so that the next choice is a real transaction.
     void finishHandshake() {
-        for (int i = 0; i < 5; ++i) {
-            FRAME_PRO f;
-            ASSERT_EQ(intf_getSendFrame(&f), 1);
-            QByteArray reply = plc.answer(f);
-            QString m;
-            ASSERT_EQ(intf_dealRcvFrame(&reply, &m), 1);
-        }
+        ASSERT_EQ(runLoop(plc, 5).size(), 5u);
         ASSERT_EQ(driver.handShakeFlag, 0);
     }
     // One transaction: frame out and answered well; returns the first frame.
@@ -39,26 +34,7 @@ protected:
         if (!any) first.reg = QStringLiteral("<idle>");
         return first;
     }
-    void registerKeys(const QList<std::pair<QString, int>>& keys) {
-        QList<KEY_ADDRESS> list;
-        for (const auto& k : keys) {
-            KEY_ADDRESS key;
-            key.station = 1;
-            key.reg = k.first;
-            key.address = k.second;
-            key.length = 1;
-            list.append(key);
-        }
-        intf_addrMerge(list);
-    }
-    static VARIABLE item(const char* reg, int address, int length = 1) {
-        VARIABLE v;
-        v.station = 1;
-        v.reg = QString::fromLatin1(reg);
-        v.address = address;
-        v.length = length;
-        return v;
-    }
+    void registerKeys(QList<KEY_ADDRESS> keys) { intf_addrMerge(keys); }
     KvResponder plc;
 };
 
@@ -87,7 +63,7 @@ TEST_F(Scheduler, HandshakeFramesThenIdle) {
 
 TEST_F(Scheduler, CyclicBlocksInTurnAndAWriteQueuedMeanwhile) {
     finishHandshake();
-    registerKeys({{"DM", 100}, {"TM", 5}});
+    registerKeys({makeKey("DM", 100, 1), makeKey("TM", 5, 1)});
     ASSERT_EQ(driver.readList.size(), 2);
     EXPECT_EQ(label(serve()), "DM100");
     EXPECT_EQ(label(serve()), "TM5");
@@ -111,11 +87,8 @@ TEST_F(Scheduler, CyclicBlocksInTurnAndAWriteQueuedMeanwhile) {
 
 TEST_F(Scheduler, AtMostTenWritesBetweenCyclicReads) {
     finishHandshake();
-    registerKeys({{"DM", 100}});
-    {
-        std::lock_guard<std::mutex> lock(driver.mutex);
-        for (int i = 0; i < 12; ++i) driver.writeList.append(item("DM", 200 + i));
-    }
+    registerKeys({makeKey("DM", 100, 1)});
+    for (int i = 0; i < 12; ++i) queueWrites({makeItem("DM", 200 + i)});
     for (int i = 0; i < 10; ++i) EXPECT_EQ(label(serve()), QStringLiteral("DM%1").arg(200 + i));
     EXPECT_EQ(label(serve()), "DM100");
     EXPECT_EQ(label(serve()), "DM210");
@@ -123,8 +96,8 @@ TEST_F(Scheduler, AtMostTenWritesBetweenCyclicReads) {
 
 TEST_F(Scheduler, ThreeConditionReadsThenACyclicRead) {
     finishHandshake();
-    registerKeys({{"DM", 100}});
-    for (int i = 0; i < 5; ++i) driver.conditionReadList.append(item("TM", i));
+    registerKeys({makeKey("DM", 100, 1)});
+    for (int i = 0; i < 5; ++i) driver.conditionReadList.append(makeItem("TM", i));
     QStringList order;
     for (int i = 0; i < 7; ++i) order << label(serve());
     EXPECT_EQ(order, QStringList({"TM0", "TM1", "TM2", "DM100", "TM3", "TM4", "DM100"}));
@@ -132,10 +105,7 @@ TEST_F(Scheduler, ThreeConditionReadsThenACyclicRead) {
 
 TEST_F(Scheduler, WritesWithoutReadListPauseOnceAfterTen) {
     finishHandshake();
-    {
-        std::lock_guard<std::mutex> lock(driver.mutex);
-        for (int i = 0; i < 12; ++i) driver.writeList.append(item("DM", i));
-    }
+    for (int i = 0; i < 12; ++i) queueWrites({makeItem("DM", i)});
     for (int i = 0; i < 10; ++i) EXPECT_EQ(label(serve()), QStringLiteral("DM%1").arg(i));
     FRAME_PRO f;
     EXPECT_EQ(intf_getSendFrame(&f), 0);
@@ -145,7 +115,7 @@ TEST_F(Scheduler, WritesWithoutReadListPauseOnceAfterTen) {
 
 TEST_F(Scheduler, UnansweredFrameIsHandedOutAgainUnchanged) {
     finishHandshake();
-    registerKeys({{"DM", 100}});
+    registerKeys({makeKey("DM", 100, 1)});
     FRAME_PRO a, b;
     ASSERT_EQ(intf_getSendFrame(&a), 1);
     QByteArray bad = QByteArray::fromHex("0601");
@@ -160,18 +130,8 @@ TEST_F(Scheduler, UnansweredFrameIsHandedOutAgainUnchanged) {
 class RecipeScheduling : public Scheduler {
 protected:
     void registerThreeBlocks() {
-        QVector<_RCP_VAR_PRO> entries;
-        const int addresses[3] = {100, 200, 300};
-        for (int i = 0; i < 3; ++i) {
-            _RCP_VAR_PRO e;
-            e.protocolId = 1;
-            e.station = 1;
-            e.reg = QStringLiteral("DM");
-            e.address = addresses[i];
-            e.length = 2;
-            e.bufferOffset = 2 * i;
-            entries.append(e);
-        }
+        QVector<_RCP_VAR_PRO> entries{makeEntry("DM", 100, 2, 0), makeEntry("DM", 200, 2, 2),
+                                      makeEntry("DM", 300, 2, 4)};
         ASSERT_EQ(intf_setRcpAddress(entries), 3);
         ASSERT_EQ(driver.rcpBlockList.size(), 3);
         for (int w = 0; w < 6; ++w) recipe[w] = static_cast<unsigned short>(0x1100 + w);
@@ -180,12 +140,9 @@ protected:
 
 TEST_F(RecipeScheduling, RecipeWritePreemptsWritesAndReads) {
     finishHandshake();
-    registerKeys({{"DM", 1}});
+    registerKeys({makeKey("DM", 1, 1)});
     registerThreeBlocks();
-    {
-        std::lock_guard<std::mutex> lock(driver.mutex);
-        driver.writeList.append(item("DM", 50));
-    }
+    queueWrites({makeItem("DM", 50)});
     requestRecipeWrite(true);
     EXPECT_EQ(label(serve()), "DM100");
     EXPECT_EQ(driver.state, 5);
@@ -214,13 +171,10 @@ TEST_F(RecipeScheduling, BothRequestsWriteFirst) {
 
 TEST_F(RecipeScheduling, RequestWithNothingToTransferEndsAtOnce) {
     finishHandshake();
-    registerKeys({{"DM", 100}});
+    driver.rcpBlockList.clear();  // initialisation keeps the recipe of an earlier test
+    registerKeys({makeKey("DM", 100, 1)});
     // A write completes first, so a repeat of the previous transaction would show.
-    {
-        std::lock_guard<std::mutex> lock(driver.mutex);
-        driver.writeList.append(item("DM", 7));
-        driver.writeList.append(item("DM", 8));
-    }
+    queueWrites({makeItem("DM", 7), makeItem("DM", 8)});
     EXPECT_EQ(label(serve()), "DM7");
     requestRecipeWrite(true);
     requestRecipeRead(true);
@@ -234,13 +188,8 @@ TEST_F(RecipeScheduling, RequestWithNothingToTransferEndsAtOnce) {
 
 TEST_F(RecipeScheduling, UnframeableBlockFailsTheTransfer) {
     finishHandshake();
-    registerKeys({{"DM", 100}});
-    QVector<_RCP_VAR_PRO> entries(1);
-    entries[0].protocolId = 1;
-    entries[0].station = 1;
-    entries[0].reg = QStringLiteral("XX");  // no frame can name it
-    entries[0].address = 5;
-    entries[0].length = 1;
+    registerKeys({makeKey("DM", 100, 1)});
+    QVector<_RCP_VAR_PRO> entries{makeEntry("XX", 5, 1, 0)};  // no frame can name it
     ASSERT_EQ(intf_setRcpAddress(entries), 1);
     requestRecipeRead(true);
     EXPECT_EQ(label(serve()), "DM100");
@@ -250,11 +199,7 @@ TEST_F(RecipeScheduling, UnframeableBlockFailsTheTransfer) {
 
 TEST_F(Scheduler, UnsendableWriteDoesNotHoldUpTheQueue) {
     finishHandshake();
-    {
-        std::lock_guard<std::mutex> lock(driver.mutex);
-        driver.writeList.append(item("C", 3));
-        driver.writeList.append(item("DM", 9));
-    }
+    queueWrites({makeItem("C", 3), makeItem("DM", 9)});
     FRAME_PRO f;
     ASSERT_EQ(intf_getSendFrame(&f), 1);
     EXPECT_EQ(label(f), "DM9");
@@ -263,43 +208,35 @@ TEST_F(Scheduler, UnsendableWriteDoesNotHoldUpTheQueue) {
 
 TEST_F(Scheduler, UnframeableConditionReadEndsTheRequestAsFailed) {
     finishHandshake();
-    KEY_ADDRESS k;
-    k.station = 1;
-    k.reg = QStringLiteral("DM");
-    k.address = 5;
-    k.length = 0;  // queued as given, but no frame can carry it
-    intf_addConditionRead(k, 3);
+    intf_addConditionRead(makeKey("DM", 5, 0), 3);  // queued as given, but no frame can carry it
     ASSERT_EQ(driver.conditionReadList.size(), 1);
     FRAME_PRO f;
     EXPECT_EQ(intf_getSendFrame(&f), 0);
     EXPECT_TRUE(driver.conditionReadList.isEmpty());
-    ASSERT_EQ(calls().size(), 1u);
-    EXPECT_EQ(calls()[0], (CallbackRecord{-1, -1, "-1", -1}));
+    EXPECT_EQ(calls(), (std::vector<CallbackRecord>{{-1, -1, "-1", -1}}));
 }
 
 TEST_F(Scheduler, UnframeableCyclicBlockIsRotatedPast) {
     finishHandshake();
-    driver.readList.append(item("XX", 1));
-    driver.readList.append(item("DM", 4));
+    driver.readList.append(makeItem("XX", 1));
+    driver.readList.append(makeItem("DM", 4));
     EXPECT_EQ(label(serve()), "DM4");
     EXPECT_EQ(label(serve()), "DM4");
 }
 
 TEST_F(Scheduler, ReRegistrationWhileABlockIsOnTheWire) {
     finishHandshake();
-    registerKeys({{"DM", 100}, {"TM", 5}});
+    registerKeys({makeKey("DM", 100, 1), makeKey("TM", 5, 1)});
     FRAME_PRO f;
     ASSERT_EQ(intf_getSendFrame(&f), 1);
     EXPECT_EQ(label(f), "DM100");
     plc.setWord(6, 100, 77);
-    registerKeys({{"CM", 1}, {"EM", 2}});
+    registerKeys({makeKey("CM", 1, 1), makeKey("EM", 2, 1)});
     // The old block completes against what it was built from...
     QByteArray reply = plc.answer(f);
     QString m;
     EXPECT_EQ(intf_dealRcvFrame(&reply, &m), 1);
-    unsigned char out[2] = {};
-    intf_getData(1, QStringLiteral("DM"), 100, 1, out);
-    EXPECT_EQ(out[0], 77);
+    EXPECT_EQ(shownUnit("DM", 100), 77u);
     // ...and the new list is read from its own head.
     EXPECT_EQ(label(serve()), "CM1");
     EXPECT_EQ(label(serve()), "EM2");

@@ -2,6 +2,7 @@
 // completion of bit writes into words.
 #include "kv_3000/frame_builder.h"
 #include "kv_responder.h"
+#include "records.h"
 #include "runtime_fixture.h"
 #include "serviceForProtocol/value_parser.h"
 
@@ -19,28 +20,23 @@ protected:
         body.insert(body.end(), values.begin(), values.end());
         return envelope(body);
     }
-    static VARIABLE var(const char* reg, int address, int length) {
-        VARIABLE v;
-        v.station = 1;
-        v.reg = QString::fromLatin1(reg);
-        v.address = address;
-        v.length = length;
-        return v;
-    }
+    static VARIABLE var(const char* reg, int address, int length) { return makeItem(reg, address, length); }
     static std::vector<unsigned char> get(const char* reg, int address, int len, int bytes) {
         std::vector<unsigned char> out(bytes, 0xEE);
         intf_getData(1, QString::fromLatin1(reg), address, len, out.data());
         return out;
     }
     void monitor(const char* reg, int address, int length) {
-        KEY_ADDRESS k;
-        k.station = 1;
-        k.reg = QString::fromLatin1(reg);
-        k.address = address;
-        k.length = length;
-        monitored << k;
+        monitored << makeKey(reg, address, length);
         intf_addrMerge(monitored);
         calls().clear();
+    }
+    // Buffer words announced by the recipe reports, in order.
+    static std::vector<int> announced() {
+        std::vector<int> words;
+        for (const auto& c : calls())
+            if (c.name == "RWI") words.push_back(c.address);
+        return words;
     }
     QList<KEY_ADDRESS> monitored;
 };
@@ -56,8 +52,7 @@ TEST_F(Parser, RelayBitsTravelInWordsLowByteFirst) {
     // Bit units report a change through their own monitor flag.
     monitor("R", 17, 1);
     analyzeFrameOfVal(readReply({0x80, 0x01, 0x00, 0x08}), 20, 9, var("R", 0, 20));
-    ASSERT_EQ(calls().size(), 1u);
-    EXPECT_EQ(calls()[0], (CallbackRecord{1, 1, "R", 17}));
+    EXPECT_EQ(calls(), (std::vector<CallbackRecord>{{1, 1, "R", 17}}));
 }
 
 TEST_F(Parser, TimerRecordsGiveContactCurrentAndSetValue) {
@@ -99,8 +94,8 @@ TEST_F(Parser, PendingBitWriteKeepsTheWrittenWord) {
     calls().clear();
     analyzeFrameOfVal(readReply({0x01, 0x00}), 1, 9, var("DM", 7, 1));
     EXPECT_EQ(get("DM", 7, 1, 2), (std::vector<unsigned char>{0x04, 0x00}));  // still the written word
-    ASSERT_EQ(calls().size(), 1u);  // the new read value is reported all the same
-    EXPECT_EQ(calls()[0], (CallbackRecord{1, 1, "DM", 7}));
+    EXPECT_EQ(calls(),
+              (std::vector<CallbackRecord>{{1, 1, "DM", 7}}));  // the new read value is reported all the same
 }
 
 TEST_F(Parser, ShortReplyCountsMissingBytesAsZero) {
@@ -113,16 +108,7 @@ TEST_F(Parser, ShortReplyCountsMissingBytesAsZero) {
 }
 
 TEST_F(Parser, TwoRecipeEntriesInOneFrame) {
-    QVector<_RCP_VAR_PRO> entries(2);
-    entries[0].protocolId = entries[1].protocolId = 1;
-    entries[0].station = entries[1].station = 1;
-    entries[0].reg = entries[1].reg = QStringLiteral("DM");
-    entries[0].address = 50;
-    entries[0].length = 3;
-    entries[0].bufferOffset = 0;
-    entries[1].address = 53;
-    entries[1].length = 2;
-    entries[1].bufferOffset = 10;
+    QVector<_RCP_VAR_PRO> entries{makeEntry("DM", 50, 3, 0), makeEntry("DM", 53, 2, 10)};
     ASSERT_EQ(intf_setRcpAddress(entries), 2);
     ASSERT_EQ(driver.rcpBlockList.size(), 1);
     driver.state = 6;
@@ -132,20 +118,11 @@ TEST_F(Parser, TwoRecipeEntriesInOneFrame) {
     EXPECT_EQ(recipe[2], 3);
     EXPECT_EQ(recipe[10], 0xABCD);
     EXPECT_EQ(recipe[11], 5);
-    std::vector<int> announced;
-    for (const auto& c : calls())
-        if (c.name == "RWI") announced.push_back(c.address);
-    EXPECT_EQ(announced, (std::vector<int>{0, 1, 2, 10, 11}));
+    EXPECT_EQ(announced(), (std::vector<int>{0, 1, 2, 10, 11}));
 }
 
 TEST_F(Parser, RecipeDoubleWordEntriesCopyEveryValue) {
-    QVector<_RCP_VAR_PRO> entries(1);
-    entries[0].protocolId = 1;
-    entries[0].station = 1;
-    entries[0].reg = QStringLiteral("Z");
-    entries[0].address = 2;
-    entries[0].length = 4;  // two values
-    entries[0].bufferOffset = 20;
+    QVector<_RCP_VAR_PRO> entries{makeEntry("Z", 2, 4, 20)};  // two values
     intf_setRcpAddress(entries);
     driver.state = 6;
     analyzeFrameOfVal(readReply({0x00, 0x01, 0x00, 0x02, 0xAA, 0xBB, 0xCC, 0xDD}), 2, 9, var("Z", 2, 2));
@@ -153,10 +130,7 @@ TEST_F(Parser, RecipeDoubleWordEntriesCopyEveryValue) {
     EXPECT_EQ(recipe[21], 0x0001);
     EXPECT_EQ(recipe[22], 0xCCDD);
     EXPECT_EQ(recipe[23], 0xAABB);
-    std::vector<int> announced;
-    for (const auto& c : calls())
-        if (c.name == "RWI") announced.push_back(c.address);
-    EXPECT_EQ(announced, (std::vector<int>{20, 21, 22, 23}));
+    EXPECT_EQ(announced(), (std::vector<int>{20, 21, 22, 23}));
 }
 
 TEST_F(Parser, BitWritePatchChangesOnlyTheNamedBits) {

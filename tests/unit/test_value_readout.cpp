@@ -1,41 +1,19 @@
 // Read-out of shown values into the runtime's buffers.
-#include "protocol.h"
-#include "serviceForProtocol/data_area.h"
-
-#include "runtime_fixture.h"
+#include "data_area_fixture.h"
 
 #include <climits>
-#include <vector>
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using ValueReadout = DataAreaFixture;
 
-class ValueReadout : public RuntimeFixture {
-protected:
-    _DATA_& entry(int station, const char* key, int address) {
-        return driver.dataArea[getIndexOfDataArea(station, key, address, driver.dataArea)];
-    }
-    void save(int station, const char* reg, int address, int len, Bytes bytes) {
-        write_saveDataToArea(station, QString::fromLatin1(reg), address, len, bytes.data());
-    }
-    // Reads into a buffer of `size` bytes pre-set to 0xEE.
-    Bytes get(int station, const char* reg, int address, int len, size_t size) {
-        Bytes out(size, 0xEE);
-        EXPECT_EQ(intf_getData(station, QString::fromLatin1(reg), address, len, out.data()), 1);
-        return out;
-    }
-};
-
-TEST_F(ValueReadout, FreshUnitsReadZeroAndAreCreated) {
+TEST_F(ValueReadout, FreshUnitsReadZeroWrittenOnesAtOnce) {
     EXPECT_EQ(get(1, "DM", 5, 2, 4), (Bytes{0, 0, 0, 0}));
     EXPECT_EQ(driver.dataArea.size(), 2);
     EXPECT_EQ(get(1, "R", 5, 2, 2), (Bytes{0, 0}));
     EXPECT_EQ(get(1, "DM_bit", 5 * 16, 3, 3), (Bytes{0, 0, 0}));
     EXPECT_EQ(driver.dataArea.size(), 4);  // DM 5 was there already
-}
-
-TEST_F(ValueReadout, WrittenValueShowsBeforeTheAnswer) {
+    // A written value shows before the device answers.
     save(1, "DM", 5, 1, {0x34, 0x12});
     EXPECT_EQ(get(1, "DM", 5, 1, 2), (Bytes{0x34, 0x12}));
     EXPECT_EQ(get(1, "DM_bit", 5 * 16 + 4, 1, 1), (Bytes{1}));
@@ -55,7 +33,7 @@ TEST_F(ValueReadout, BlocksMixWrittenAndReadUnits) {
     EXPECT_EQ(get(1, "DM_bit", 8 * 16 + 14, 5, 5), (Bytes{0, 0, 1, 1, 0}));
 }
 
-TEST_F(ValueReadout, DwordUnits) {
+TEST_F(ValueReadout, DwordAndBitUnits) {
     save(1, "TC", 3, 4, {1, 2, 3, 4, 5, 6, 7, 8});
     EXPECT_EQ(get(1, "TC", 3, 4, 8), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
     EXPECT_EQ(get(1, "TC", 3, 3, 6), (Bytes{1, 2, 3, 4, 0xEE, 0xEE}));
@@ -63,9 +41,7 @@ TEST_F(ValueReadout, DwordUnits) {
     entry(1, "TC", 3).writeValid = 0;
     entry(1, "TC", 3).readValue[3] = 0x80;
     EXPECT_EQ(get(1, "TC", 3, 2, 4), (Bytes{0, 0, 0, 0x80}));
-}
-
-TEST_F(ValueReadout, BitUnitsOneBytePerBit) {
+    // Bit units: one byte per bit, each from its own unit.
     entry(1, "R", 81).readValue[0] = 1;
     save(1, "R", 82, 1, {1});
     EXPECT_EQ(get(1, "R", 80, 3, 3), (Bytes{0, 1, 1}));
@@ -93,7 +69,7 @@ TEST_F(ValueReadout, BadInputLeavesTheBufferAndTheAreaAlone) {
 }
 
 // The change report may read the new value back at once.
-Bytes seenInCallback;
+std::vector<unsigned char> seenInCallback;
 void readBack(int, int station, const QString& name, int address) {
     unsigned char b[2] = {0xEE, 0xEE};
     intf_getData(station, name, address, 1, b);

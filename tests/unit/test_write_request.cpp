@@ -1,6 +1,7 @@
 // Write requests: cutting into items, the queueing rule, the local-only mode
 // and what is refused.
 #include "kv_responder.h"
+#include "records.h"
 #include "runtime_fixture.h"
 
 #include <vector>
@@ -22,11 +23,9 @@ protected:
         std::lock_guard<std::mutex> lock(driver.mutex);
         return driver.writeList;
     }
-    static QString shape(const QList<VARIABLE>& list) {
-        QStringList s;
-        for (const VARIABLE& v : list)
-            s << QStringLiteral("%1(%2,%3)").arg(v.reg).arg(v.address).arg(v.length);
-        return s.join(' ');
+    static void monitor(const char* reg, int address, int length) {
+        QList<KEY_ADDRESS> keys{makeKey(reg, address, length)};
+        intf_addrMerge(keys);
     }
 };
 
@@ -34,40 +33,51 @@ TEST_F(Writes, LocalWriteOnlyChangesOnlyTheDataArea) {
     initDriver("1#1#0#3#0");  // block length 0 does not matter: nothing is queued
     write("DM", 10, 1, {0x34, 0x12});
     EXPECT_TRUE(queue().isEmpty());
-    unsigned char out[2];
-    intf_getData(1, QStringLiteral("DM"), 10, 1, out);
-    EXPECT_EQ(out[0], 0x34);
-    EXPECT_EQ(out[1], 0x12);
+    EXPECT_EQ(shownUnit("DM", 10), 0x1234u);
 }
 
-TEST_F(Writes, WordsAreCutByTheBlockLength) {
-    initDriver("1#0#0#3#4");
-    DebugCapture capture;
-    write("DM", 100, 10, ramp(20), 7);
-    const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shape(q), "DM(100,4) DM(104,4) DM(108,2)");
-    EXPECT_EQ(q[1].id, 7);
-    EXPECT_EQ(q[1].data[0], 8);
-    EXPECT_EQ(q[1].data[7], 15);
-    EXPECT_EQ(q[2].data[0], 16);
-    EXPECT_EQ(q[2].data[3], 19);
-    EXPECT_TRUE(capture.lines().contains("addVarToList 1 \"DM\" 100 4"));
-}
-
-TEST_F(Writes, RelayBitsBecomeOneItemPerBit) {
-    DebugCapture capture;
-    write("R", 80, 3, {1, 0, 1});
-    const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shape(q), "R(80,1) R(81,1) R(82,1)");
-    EXPECT_EQ(q[1].data[0], 0);
-    EXPECT_EQ(q[2].data[0], 1);
-    EXPECT_TRUE(capture.lines().contains("addVarToList 1 \"R\" 82 1 0"));
+// Items of at most the block length (8 bits per element for bits in words),
+// never more than one frame holds, double words never cut in half, relay bits
+// one per item; each item with the request's id and its own part of the values.
+TEST_F(Writes, RequestsAreCutIntoItems) {
+    const struct {
+        const char *parameters, *reg;
+        int address, length, unitBytes;
+        const char *items, *debugLine;
+    } cases[] = {
+        {"1#0#0#3#4", "DM", 100, 10, 2, "DM(100,4) DM(104,4) DM(108,2)", "addVarToList 1 \"DM\" 100 4"},
+        {"1#0#0#3#10", "R", 80, 3, 1, "R(80,1) R(81,1) R(82,1)", "addVarToList 1 \"R\" 82 1 0"},
+        {"1#0#0#3#4", "TC", 4, 4, 4, "TC(4,2)", nullptr},
+        {"1#0#0#3#2", "TC", 4, 4, 4, "TC(4,1) TC(5,1)", nullptr},
+        {"1#0#0#3#5", "TC", 4, 10, 4, "TC(4,2) TC(6,2) TC(8,1)", nullptr},
+        {"1#0#0#3#500", "DM", 0, 300, 2, "DM(0,121) DM(121,121) DM(242,58)", nullptr},
+        {"1#0#0#3#500", "Z", 0, 250, 4, "Z(0,60) Z(60,60) Z(120,5)", nullptr},
+        {"1#0#0#3#2", "DM_bit", 160, 20, 1, "DM_bit(160,16) DM_bit(176,4)", nullptr},
+    };
+    const std::vector<unsigned char> values = ramp(1024);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.parameters) + " " + c.reg);
+        initDriver(c.parameters);
+        DebugCapture capture;
+        write(c.reg, c.address, c.length, values, 7);
+        const QList<VARIABLE> q = queue();
+        EXPECT_EQ(shapeOf(q), c.items);
+        for (const VARIABLE& v : q) {
+            EXPECT_EQ(v.id, 7);
+            const int at = (v.address - c.address) * c.unitBytes;
+            for (int b = 0; b < v.length * c.unitBytes; ++b)
+                ASSERT_EQ(v.data[b], values[at + b]) << v.address;
+        }
+        if (c.debugLine) {
+            EXPECT_TRUE(capture.lines().contains(c.debugLine));
+        }
+    }
 }
 
 TEST_F(Writes, WaitingItemIsOverwrittenButNeverTheHead) {
     write("DM", 100, 1, {1, 0});
     write("DM", 100, 1, {2, 0});  // the head is on the wire: appended
-    EXPECT_EQ(shape(queue()), "DM(100,1) DM(100,1)");
+    EXPECT_EQ(shapeOf(queue()), "DM(100,1) DM(100,1)");
     write("DM", 100, 1, {3, 0});  // replaces the waiting one
     const QList<VARIABLE> q = queue();
     ASSERT_EQ(q.size(), 2);
@@ -75,63 +85,18 @@ TEST_F(Writes, WaitingItemIsOverwrittenButNeverTheHead) {
     EXPECT_EQ(q[1].data[0], 3);
 }
 
-TEST_F(Writes, DoubleWordRegistersHalveIntoContiguousItems) {
-    initDriver("1#0#0#3#4");
-    write("TC", 4, 4, ramp(8));
-    EXPECT_EQ(shape(queue()), "TC(4,2)");
-    initDriver("1#0#0#3#2");
-    write("TC", 4, 4, ramp(8));
-    const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shape(q), "TC(4,1) TC(5,1)");
-    EXPECT_EQ(q[1].data[0], 4);
-    // An odd limit would leave a double word half in two pieces: it is made even.
-    initDriver("1#0#0#3#5");
-    write("TC", 4, 10, ramp(20));
-    EXPECT_EQ(shape(queue()), "TC(4,2) TC(6,2) TC(8,1)");
-}
-
-TEST_F(Writes, PiecesNeverExceedOneFrame) {
-    initDriver("1#0#0#3#500");
-    write("DM", 0, 300, ramp(600));
-    EXPECT_EQ(shape(queue()), "DM(0,121) DM(121,121) DM(242,58)");
-    initDriver("1#0#0#3#500");
-    write("Z", 0, 250, ramp(500));
-    EXPECT_EQ(shape(queue()), "Z(0,60) Z(60,60) Z(120,5)");
-}
-
-TEST_F(Writes, BitsInWordsAreCutByTheBitLimit) {
-    initDriver("1#0#0#3#2");  // 16 bits per piece
-    std::vector<unsigned char> bits(20);
-    for (int i = 0; i < 20; ++i) bits[i] = i % 3 == 0;
-    write("DM_bit", 160, 20, bits);
-    const QList<VARIABLE> q = queue();
-    EXPECT_EQ(shape(q), "DM_bit(160,16) DM_bit(176,4)");
-    EXPECT_EQ(q[1].data[0], bits[16]);
-    EXPECT_EQ(q[1].data[2], bits[18]);
-}
-
 TEST_F(Writes, TheCapOverwritesTheLastItemAndSettlesIt) {
     for (int i = 0; i < 513; ++i) write("DM", i, 1, {1, 0});
     ASSERT_EQ(queue().size(), 513);
-    QList<KEY_ADDRESS> keys;
-    KEY_ADDRESS k;
-    k.station = 1;
-    k.reg = QStringLiteral("DM");
-    k.address = 512;
-    k.length = 1;
-    keys << k;
-    intf_addrMerge(keys);
+    monitor("DM", 512, 1);
     calls().clear();
     write("DM", 9999, 1, {5, 0});
     const QList<VARIABLE> q = queue();
     ASSERT_EQ(q.size(), 513);
     EXPECT_EQ(q[512].address, 9999);
     // The lost write of DM 512 falls back to the read value, and the screen is told.
-    unsigned char out[2] = {9, 9};
-    intf_getData(1, QStringLiteral("DM"), 512, 1, out);
-    EXPECT_EQ(out[0], 0);
-    ASSERT_EQ(calls().size(), 1u);
-    EXPECT_EQ(calls()[0], (CallbackRecord{1, 1, "DM", 512}));
+    EXPECT_EQ(shownUnit("DM", 512), 0u);
+    EXPECT_EQ(calls(), (std::vector<CallbackRecord>{{1, 1, "DM", 512}}));
 }
 
 TEST_F(Writes, RefusedRequestsChangeNothing) {
@@ -157,10 +122,8 @@ TEST_F(Writes, RefusedRequestsChangeNothing) {
 TEST_F(Writes, ContactsAreNotQueuedAndFallBackAtOnce) {
     write("C", 3, 1, {1});
     write("DM", 9, 1, {1, 0});
-    EXPECT_EQ(shape(queue()), "DM(9,1)");
-    unsigned char out = 7;
-    intf_getData(1, QStringLiteral("C"), 3, 1, &out);
-    EXPECT_EQ(out, 0);
+    EXPECT_EQ(shapeOf(queue()), "DM(9,1)");
+    EXPECT_EQ(shownUnit("C", 3), 0u);
     // Bit units report every change of what they show: the write, then its withdrawal.
     ASSERT_EQ(calls().size(), 2u);
     EXPECT_EQ(calls()[1], (CallbackRecord{1, 1, "C", 3}));
@@ -173,25 +136,15 @@ protected:
 
 TEST_F(WritesEndToEnd, WrittenValueReachesTheControllerAndSurvivesTheNextRead) {
     runLoop(plc, 5);
-    QList<KEY_ADDRESS> keys;
-    KEY_ADDRESS k;
-    k.station = 1;
-    k.reg = QStringLiteral("DM");
-    k.address = 100;
-    k.length = 2;
-    keys << k;
-    intf_addrMerge(keys);
+    monitor("DM", 100, 2);
     runLoop(plc, 1);
     write("DM", 100, 2, {0x34, 0x12, 0x78, 0x56});
-    unsigned char out[4];
-    intf_getData(1, QStringLiteral("DM"), 100, 2, out);
-    EXPECT_EQ(out[1], 0x12);  // shown at once
-    runLoop(plc, 2);          // the write, then a cyclic read
+    EXPECT_EQ(shownUnit("DM", 100), 0x1234u);  // shown at once
+    runLoop(plc, 2);                           // the write, then a cyclic read
     EXPECT_EQ(plc.word(6, 100), 0x1234);
     EXPECT_EQ(plc.word(6, 101), 0x5678);
-    intf_getData(1, QStringLiteral("DM"), 100, 2, out);
-    EXPECT_EQ(out[0], 0x34);
-    EXPECT_EQ(out[3], 0x56);
+    EXPECT_EQ(shownUnit("DM", 100), 0x1234u);
+    EXPECT_EQ(shownUnit("DM", 101), 0x5678u);
     for (const _DATA_& d : qAsConst(driver.dataArea)) EXPECT_EQ(d.writeValid, 0);
 }
 
@@ -208,14 +161,7 @@ TEST_F(WritesEndToEnd, BitWriteIntoAWordKeepsTheOtherBits) {
 
 TEST_F(WritesEndToEnd, WriteThatKeepsFailingFallsBackToTheReadValue) {
     runLoop(plc, 5);
-    QList<KEY_ADDRESS> keys;
-    KEY_ADDRESS k;
-    k.station = 1;
-    k.reg = QStringLiteral("TM");
-    k.address = 3;
-    k.length = 1;
-    keys << k;
-    intf_addrMerge(keys);
+    monitor("TM", 3, 1);
     plc.setWord(8, 3, 11);
     runLoop(plc, 1);
     write("TM", 3, 1, {99, 0});
@@ -223,11 +169,8 @@ TEST_F(WritesEndToEnd, WriteThatKeepsFailingFallsBackToTheReadValue) {
     const auto steps = runLoop(plc, 3, [](const FRAME_PRO&, QByteArray r) { return r.left(r.size() - 1); });
     ASSERT_EQ(steps.size(), 3u);
     EXPECT_EQ(steps[2].result, 2);
-    unsigned char out[2];
-    intf_getData(1, QStringLiteral("TM"), 3, 1, out);
-    EXPECT_EQ(out[0], 11);
-    ASSERT_EQ(calls().size(), 1u);
-    EXPECT_EQ(calls()[0], (CallbackRecord{1, 1, "TM", 3}));
+    EXPECT_EQ(shownUnit("TM", 3), 11u);
+    EXPECT_EQ(calls(), (std::vector<CallbackRecord>{{1, 1, "TM", 3}}));
 }
 
 }  // namespace
