@@ -24,6 +24,7 @@ enum {
     REG_COL_TRANSFER = 5,  // transfer unit in bits: "1", "16", "32"
 };
 
+// clang-format off: one row per register reads better than a packed table.
 inline constexpr const char* REG_LIST[REG_COUNT] = {
     "MR_bit", "LR_bit", "CR_bit", "R",  "B",  "T",  "C",  "DM_bit", "TM_bit", "CM_bit",
     "EM_bit", "FM_bit", "DM",     "TM", "CM", "EM", "FM", "MR",     "LR",     "CR",
@@ -31,34 +32,34 @@ inline constexpr const char* REG_LIST[REG_COUNT] = {
 };
 
 inline constexpr const char* ADDRESS_RANGE_PRO[REG_COUNT][6] = {
-    {"DDD.DD", "0.0", "999.15", "1", "RW", "16"},          // MR_bit
-    {"DDD.DD", "0.0", "999.15", "1", "RW", "16"},          // LR_bit
-    {"DDD.DD", "0.0", "999.15", "1", "RW", "16"},          // CR_bit
-    {"DDD.DD", "0.0", "999.15", "1", "RW", "1"},           // R
-    {"HHHH", "0", "3FFF", "1", "RW", "1"},                 // B
-    {"DDDD", "0", "9999", "1", "R", "1"},                  // T
-    {"DDDD", "0", "9999", "1", "R", "1"},                  // C
-    {"DDDDD.DD", "0.0", "65535.15", "1", "RW", "16"},      // DM_bit
-    {"DDDDD.DD", "0.0", "9999.15", "1", "RW", "16"},       // TM_bit
-    {"DDDDD.DD", "0.0", "65535.15", "1", "RW", "16"},      // CM_bit
-    {"DDDDD.DD", "0.0", "65535.15", "1", "RW", "16"},      // EM_bit
-    {"DDDDD.DD", "0.0", "65535.15", "1", "RW", "16"},      // FM_bit
-    {"DDDDD", "0", "65535", "16", "RW", "16"},             // DM
-    {"DDDD", "0", "9999", "16", "RW", "16"},               // TM
-    {"DDDDD", "0", "65535", "16", "RW", "16"},             // CM
-    {"DDDDD", "0", "65535", "16", "RW", "16"},             // EM
-    {"DDDDD", "0", "65535", "16", "RW", "16"},             // FM
-    {"DDD", "0", "999", "16", "RW", "16"},                 // MR
-    {"DDD", "0", "999", "16", "RW", "16"},                 // LR
-    {"DDD", "0", "999", "16", "RW", "16"},                 // CR
-    {"HHH", "0", "3FF", "16", "RW", "16"},                 // W
-    {"DDDDD", "0", "131071", "16", "RW", "16"},            // ZF
-    {"DDDD", "0", "9999", "32", "RW", "32"},               // TC
-    {"DDDD", "0", "9999", "32", "RW", "32"},               // TS
-    {"DDDD", "0", "9999", "32", "RW", "32"},               // CC
-    {"DDDD", "0", "9999", "32", "RW", "32"},               // CS
-    {"DD", "0", "15", "32", "RW", "32"},                   // Z
-    {"D", "0", "7", "32", "RW", "32"},                     // TRM
+    {"DDD.DD", "0.0", "999.15", "1", "RW", "16"},      // MR_bit
+    {"DDD.DD", "0.0", "999.15", "1", "RW", "16"},      // LR_bit
+    {"DDD.DD", "0.0", "999.15", "1", "RW", "16"},      // CR_bit
+    {"DDD.DD", "0.0", "999.15", "1", "RW", "1"},       // R
+    {"HHHH", "0", "3FFF", "1", "RW", "1"},             // B
+    {"DDDD", "0", "9999", "1", "R", "1"},              // T
+    {"DDDD", "0", "9999", "1", "R", "1"},              // C
+    {"DDDDD.DD", "0.0", "65535.15", "1", "RW", "16"},  // DM_bit
+    {"DDDDD.DD", "0.0", "9999.15", "1", "RW", "16"},   // TM_bit
+    {"DDDDD.DD", "0.0", "65535.15", "1", "RW", "16"},  // CM_bit
+    {"DDDDD.DD", "0.0", "65535.15", "1", "RW", "16"},  // EM_bit
+    {"DDDDD.DD", "0.0", "65535.15", "1", "RW", "16"},  // FM_bit
+    {"DDDDD", "0", "65535", "16", "RW", "16"},         // DM
+    {"DDDD", "0", "9999", "16", "RW", "16"},           // TM
+    {"DDDDD", "0", "65535", "16", "RW", "16"},         // CM
+    {"DDDDD", "0", "65535", "16", "RW", "16"},         // EM
+    {"DDDDD", "0", "65535", "16", "RW", "16"},         // FM
+    {"DDD", "0", "999", "16", "RW", "16"},             // MR
+    {"DDD", "0", "999", "16", "RW", "16"},             // LR
+    {"DDD", "0", "999", "16", "RW", "16"},             // CR
+    {"HHH", "0", "3FF", "16", "RW", "16"},             // W
+    {"DDDDD", "0", "131071", "16", "RW", "16"},        // ZF
+    {"DDDD", "0", "9999", "32", "RW", "32"},           // TC
+    {"DDDD", "0", "9999", "32", "RW", "32"},           // TS
+    {"DDDD", "0", "9999", "32", "RW", "32"},           // CC
+    {"DDDD", "0", "9999", "32", "RW", "32"},           // CS
+    {"DD", "0", "15", "32", "RW", "32"},               // Z
+    {"D", "0", "7", "32", "RW", "32"},                 // TRM
 };
 
 // Area codes placed in request frames: reads, bit writes and word writes.
@@ -70,6 +71,8 @@ inline constexpr int REG_LIST_AREA[REG_COUNT] = {
 inline constexpr int REG_LIST_W_AREA[REG_COUNT] = {
     17, 18, 1, 0, 27, 2, 3, 6, 8, 7, 23, 25, 6, 8, 7, 23, 25, 17, 18, 1, 28, 44, 32, 33, 34, 35, 48, 38,
 };
+
+// clang-format on
 
 // Index 0..27 of the row whose name equals name exactly; -1 when none does.
 int getIndexFromRegName(const QString& name);

@@ -15,11 +15,11 @@ enum { KV_BUFFER_SIZE = 1024 };
 
 // One register block to read or write.
 struct VARIABLE {
-    int32_t id = 0;       // request id; 4 for cyclic read blocks
-    int32_t station = 0;  // station (device) number
-    QString reg;          // register name as in REG_LIST
-    int32_t address = 0;  // integer address (word.bit registers: word * 16 + bit)
-    int32_t length = 0;   // elements: bits, words or 32-bit values
+    int32_t id = 0;                           // request id; 4 for cyclic read blocks
+    int32_t station = 0;                      // station (device) number
+    QString reg;                              // register name as in REG_LIST
+    int32_t address = 0;                      // integer address (word.bit registers: word * 16 + bit)
+    int32_t length = 0;                       // elements: bits, words or 32-bit values
     unsigned char data[KV_BUFFER_SIZE] = {};  // values, least significant byte first
 };
 

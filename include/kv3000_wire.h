@@ -25,12 +25,12 @@ constexpr uint8_t CMD_HANDSHAKE_2 = 0x20;  // 20 00 01 06 00 00
 constexpr uint8_t CMD_WORD = 0x1E;         // 1E 00 00 = read, 1E 01 00 = write
 constexpr uint8_t CMD_WORD_READ = 0x00;
 constexpr uint8_t CMD_WORD_WRITE = 0x01;
-constexpr uint8_t CMD_BIT_SET = 0x32;    // 32 00 01 area addr(2)
-constexpr uint8_t CMD_BIT_RESET = 0x33;  // 33 00 01 area addr(2)
+constexpr uint8_t CMD_BIT_SET = 0x32;      // 32 00 01 area addr(2)
+constexpr uint8_t CMD_BIT_RESET = 0x33;    // 33 00 01 area addr(2)
 constexpr uint8_t CMD_VALUE_WRITE = 0x18;  // 18 00 01 warea addr(2) value(4)
 
 // Lengths.
-constexpr int READ_FRAME_LEN = 19;      // 06 01 00 FF 0C 1E 00 00 area 00 00 count(2) start(4) chk 04
+constexpr int READ_FRAME_LEN = 19;  // 06 01 00 FF 0C 1E 00 00 area 00 00 count(2) start(4) chk 04
 constexpr int READ_CMD_LEN = 0x0C;
 constexpr int BIT_WRITE_FRAME_LEN = 13;
 constexpr int BIT_WRITE_CMD_LEN = 0x06;
@@ -43,7 +43,7 @@ constexpr int FRAME_OVERHEAD = 7;        // [06] 01 00 FF L .. check 04 around L
 constexpr int READ_REPLY_HEADER = 9;     // value bytes start here in a read reply
 constexpr int READ_REPLY_OVERHEAD = 11;  // read reply = 11 + value bytes
 constexpr int WORD_WRITE_REPLY_LEN = 10;
-constexpr int BIT_WRITE_REPLY_LEN = 9;   // also timer/counter value writes
+constexpr int BIT_WRITE_REPLY_LEN = 9;  // also timer/counter value writes
 constexpr int HANDSHAKE_1_REPLY_LEN = 9;
 constexpr int HANDSHAKE_2_REPLY_LEN = 10;
 constexpr int TC_RECORD_LEN = 9;  // timer/counter record: contact(bit 7), current(4), set(4)
