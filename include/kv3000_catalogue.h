@@ -24,7 +24,6 @@ enum {
     REG_COL_TRANSFER = 5,  // transfer unit in bits: "1", "16", "32"
 };
 
-// clang-format off: one row per register reads better than a packed table.
 inline constexpr const char* REG_LIST[REG_COUNT] = {
     "MR_bit", "LR_bit", "CR_bit", "R",  "B",  "T",  "C",  "DM_bit", "TM_bit", "CM_bit",
     "EM_bit", "FM_bit", "DM",     "TM", "CM", "EM", "FM", "MR",     "LR",     "CR",
@@ -72,7 +71,6 @@ inline constexpr int REG_LIST_W_AREA[REG_COUNT] = {
     17, 18, 1, 0, 27, 2, 3, 6, 8, 7, 23, 25, 6, 8, 7, 23, 25, 17, 18, 1, 28, 44, 32, 33, 34, 35, 48, 38,
 };
 
-// clang-format on
 
 // Index 0..27 of the row whose name equals name exactly; -1 when none does.
 int getIndexFromRegName(const QString& name);
