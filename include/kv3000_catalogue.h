@@ -71,7 +71,6 @@ inline constexpr int REG_LIST_W_AREA[REG_COUNT] = {
     17, 18, 1, 0, 27, 2, 3, 6, 8, 7, 23, 25, 6, 8, 7, 23, 25, 17, 18, 1, 28, 44, 32, 33, 34, 35, 48, 38,
 };
 
-
 // Index 0..27 of the row whose name equals name exactly; -1 when none does.
 int getIndexFromRegName(const QString& name);
 
