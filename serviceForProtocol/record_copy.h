@@ -12,8 +12,13 @@
 
 // to = from, skipped when to already holds from's very characters: a frame
 // or block handed on again and again keeps its name.
+// The copy is made inline (copy and swap) rather than by QString's
+// out-of-line assignment, so every reference count change stays visible to a
+// thread checker.
 inline void assignName(QString& to, const QString& from) {
-    if (to.constData() != from.constData() || to.size() != from.size()) to = from;
+    if (to.constData() == from.constData() && to.size() == from.size()) return;
+    QString copy(from);
+    to.swap(copy);
 }
 
 inline void assignRecord(VARIABLE& to, const VARIABLE& from) {
