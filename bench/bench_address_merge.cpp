@@ -7,6 +7,8 @@
 #include <QList>
 #include <QLoggingCategory>
 
+#include "bench_support.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -14,32 +16,7 @@
 
 namespace {
 
-QList<KEY_ADDRESS> randomKeys(int count) {
-    // Valid addresses, kept to the first few thousand so that neighbours meet.
-    struct Reg {
-        const char* name;
-        int top;        // highest address used
-        int maxLength;  // runtime units: bits for bit registers, words otherwise
-    };
-    const Reg regs[] = {{"DM", 65535, 4},     {"DM_bit", 1048575, 20}, {"EM", 65535, 2},  {"TM", 9999, 4},
-                        {"MR_bit", 15999, 8}, {"R", 15999, 8},         {"B", 16383, 8},   {"W", 1023, 2},
-                        {"TC", 9999, 4},      {"CS", 9999, 2},         {"ZF", 131071, 2}, {"Z", 15, 2}};
-    std::mt19937 rng(2024);
-    QList<KEY_ADDRESS> keys;
-    keys.reserve(count);
-    for (int i = 0; i < count; ++i) {
-        const Reg& r = regs[rng() % (sizeof regs / sizeof regs[0])];
-        KEY_ADDRESS k;
-        k.station = int(rng() % 4);
-        k.reg = QString::fromLatin1(r.name);
-        const int span = std::min(r.top + 1, 20000);
-        k.length = 1 + int(rng() % r.maxLength);
-        k.address = int(rng() % uint32_t(std::max(1, span - k.length)));
-        k.dataType = 1;
-        keys.append(k);
-    }
-    return keys;
-}
+using kvbench::randomKeys;
 
 void discardMessage(QtMsgType, const QMessageLogContext&, const QString&) {}
 

@@ -12,7 +12,9 @@
 #include <QMutex>
 #include <QString>
 
+#include <algorithm>
 #include <cstdint>
+#include <random>
 #include <vector>
 
 namespace kvbench {
@@ -101,6 +103,30 @@ inline KEY_ADDRESS key(int station, const char* reg, int address, int length) {
     k.length = length;
     k.dataType = 1;
     return k;
+}
+
+// Random monitored keys with valid addresses, mixed registers and stations,
+// kept to the first few thousand addresses so that neighbours meet.
+inline QList<KEY_ADDRESS> randomKeys(int count) {
+    struct Reg {
+        const char* name;
+        int top;        // highest address used
+        int maxLength;  // runtime units: bits for bit registers, words otherwise
+    };
+    const Reg regs[] = {{"DM", 65535, 4},     {"DM_bit", 1048575, 20}, {"EM", 65535, 2},  {"TM", 9999, 4},
+                        {"MR_bit", 15999, 8}, {"R", 15999, 8},         {"B", 16383, 8},   {"W", 1023, 2},
+                        {"TC", 9999, 4},      {"CS", 9999, 2},         {"ZF", 131071, 2}, {"Z", 15, 2}};
+    std::mt19937 rng(2024);
+    QList<KEY_ADDRESS> keys;
+    keys.reserve(count);
+    for (int i = 0; i < count; ++i) {
+        const Reg& r = regs[rng() % (sizeof regs / sizeof regs[0])];
+        const int span = std::min(r.top + 1, 20000);
+        const int length = 1 + int(rng() % r.maxLength);
+        const int station = int(rng() % 4);
+        keys.append(key(station, r.name, int(rng() % uint32_t(std::max(1, span - length))), length));
+    }
+    return keys;
 }
 
 }  // namespace kvbench
