@@ -8,6 +8,7 @@
 # multiarch co-installation would tie every shared library to the exact
 # amd64 version and could hold back or break the native Qt.
 set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/packages.sh"
 cd "$(dirname "$0")/.."
 ROOT=$PWD
 BUILD=$ROOT/build-armhf
@@ -29,18 +30,6 @@ inconsistent() {
     exit 3
 }
 
-install_host_packages() {
-    local missing=()
-    for p in "${HOST_PACKAGES[@]}"; do
-        dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
-    done
-    [ ${#missing[@]} -eq 0 ] && return 0
-    say "installing: ${missing[*]}"
-    local sudo=""
-    [ "$(id -u)" -ne 0 ] && sudo="sudo"
-    $sudo apt-get update -qq || echo "warning: apt-get update failed; trying with the current package lists" >&2
-    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
-}
 
 # apt working on its own lists, cache and (empty) package database, for armhf only.
 APT=(apt-get -q
@@ -91,7 +80,7 @@ make_sysroot() {
     fi
 }
 
-install_host_packages
+install_missing "${HOST_PACKAGES[@]}"
 make_sysroot
 
 say "configure and build in $BUILD"

@@ -12,6 +12,7 @@
 # Installs what is missing (as root or through sudo), libmodbus-dev included.
 # Results: build-release/bench-results/ (raw JSON, logs) and summary.txt there.
 set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/packages.sh"
 cd "$(dirname "$0")/.."
 ROOT=$PWD
 BUILD=${KV_BENCH_BUILD:-$ROOT/build-release}
@@ -34,20 +35,8 @@ JOBS=$(nproc 2>/dev/null || echo 2)
 
 PACKAGES=(cmake g++ make pkg-config qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev libmodbus-dev time)
 
-install_missing() {
-    local missing=()
-    for p in "${PACKAGES[@]}"; do
-        dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
-    done
-    [ ${#missing[@]} -eq 0 ] && return 0
-    echo "== installing: ${missing[*]}"
-    local sudo=""
-    [ "$(id -u)" -ne 0 ] && sudo="sudo"
-    $sudo apt-get update -qq || echo "warning: apt-get update failed; trying the current package lists" >&2
-    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
-}
 
-install_missing
+install_missing "${PACKAGES[@]}"
 echo "== building Release in $BUILD"
 cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_BENCH=ON -DKV_BUILD_TESTS=OFF \
       -DKV_BUILD_TOOLS=ON >/dev/null

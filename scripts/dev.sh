@@ -4,6 +4,7 @@
 #   scripts/dev.sh test   install what is missing, build, run the whole test suite
 # Both are idempotent: a second run installs nothing and rebuilds only what changed.
 set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/packages.sh"
 cd "$(dirname "$0")/.."
 ROOT=$PWD
 JOBS=$(nproc 2>/dev/null || echo 2)
@@ -11,20 +12,6 @@ JOBS=$(nproc 2>/dev/null || echo 2)
 PACKAGES=(cmake g++ make pkg-config qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-14-dev binutils)
 
-install_missing() {
-    local missing=()
-    for p in "${PACKAGES[@]}"; do
-        dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
-    done
-    [ ${#missing[@]} -eq 0 ] && return 0
-    echo "== installing: ${missing[*]}"
-    local sudo=""
-    [ "$(id -u)" -ne 0 ] && sudo="sudo"
-    # A mirror in the middle of a sync makes 'update' fail while the packages
-    # can often still be installed from the lists already here: go on.
-    $sudo apt-get update -qq || echo "warning: apt-get update failed; trying to install with the current package lists" >&2
-    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
-}
 
 configure_build() {  # dir, extra cmake args...
     local dir=$1; shift
@@ -34,13 +21,13 @@ configure_build() {  # dir, extra cmake args...
 
 case "${1:-}" in
 run)
-    install_missing
+    install_missing "${PACKAGES[@]}"
     configure_build build -DKV_BUILD_BENCH=OFF
     shift
     exec "$ROOT/build/tools/kv3000-host" "$@"
     ;;
 test)
-    install_missing
+    install_missing "${PACKAGES[@]}"
     configure_build build
     ctest --test-dir build --output-on-failure -j "$JOBS" --timeout 600
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
