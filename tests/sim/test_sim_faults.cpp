@@ -107,12 +107,12 @@ void expectNear(uint64_t got, double expected, const char* what) {
     EXPECT_NEAR(static_cast<double>(got), expected, 5 * sigma + 1) << what;
 }
 
-kvsim::Stats runSession(const kvsim::FaultSpec& spec, uint32_t seed,
+kvsim::Stats runSession(const kvsim::FaultSpec& plan, uint32_t seed,
                         std::vector<kvsim::Delivery>* log = nullptr) {
     kvsim::Memory mem;
     mem.set("DM", 0, 0x1234);
     kvsim::Counters counters;
-    kvsim::FaultInjector inj(spec, seed);
+    kvsim::FaultInjector inj(plan, seed);
     kvsim::Session session(mem, &inj, &counters);
     const Bytes req = readRequest(6, 2, 0);
     for (int i = 0; i < 10000; ++i) {
@@ -162,9 +162,9 @@ TEST(Faults, NoFaultsMeansEveryReplyIntact) {
 }
 
 TEST(Faults, KindsTogetherKeepTheirOrder) {
-    kvsim::FaultSpec spec;
-    for (double& p : spec.probability) p = 0.05;
-    const kvsim::Stats s = runSession(spec, 99);
+    kvsim::FaultSpec plan;
+    for (double& p : plan.probability) p = 0.05;
+    const kvsim::Stats s = runSession(plan, 99);
     expectNear(s.faults[int(kvsim::Fault::Close)], 500, "close");
     expectNear(s.faults[int(kvsim::Fault::Drop)], 475, "drop");  // when not closed
     for (kvsim::Fault f :
@@ -173,12 +173,12 @@ TEST(Faults, KindsTogetherKeepTheirOrder) {
 }
 
 TEST(Faults, SeedRepeatsARun) {
-    kvsim::FaultSpec spec;
-    for (double& p : spec.probability) p = 0.2;
+    kvsim::FaultSpec plan;
+    for (double& p : plan.probability) p = 0.2;
     std::vector<kvsim::Delivery> a, b, c;
-    runSession(spec, 1234, &a);
-    runSession(spec, 1234, &b);
-    runSession(spec, 4321, &c);
+    runSession(plan, 1234, &a);
+    runSession(plan, 1234, &b);
+    runSession(plan, 4321, &c);
     auto trace = [](const std::vector<kvsim::Delivery>& log) {
         std::string t;
         for (const auto& d : log) {

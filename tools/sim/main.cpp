@@ -19,7 +19,7 @@ const char kHelp[] =
     "    kv3000-sim - KV-3000 controller simulator\n"
     "\n"
     "SYNOPSIS\n"
-    "    kv3000-sim [--listen HOST:PORT] [--pty] [--faults SPEC] [--seed N] [--live]\n"
+    "    kv3000-sim [--listen HOST:PORT] [--pty] [--faults LIST] [--seed N] [--live]\n"
     "    kv3000-sim --help\n"
     "\n"
     "DESCRIPTION\n"
@@ -41,8 +41,8 @@ const char kHelp[] =
     "        port. Only the given address is listened on; use [::1]:PORT for IPv6.\n"
     "    --pty\n"
     "        Also serve a pseudo-terminal in raw mode, for hosts that use serial I/O.\n"
-    "    --faults SPEC\n"
-    "        Inject faults into replies. SPEC is a comma-separated list of\n"
+    "    --faults LIST\n"
+    "        Inject faults into replies. LIST is a comma-separated list of\n"
     "        KIND=PROBABILITY, probabilities from 0 to 1. Kinds: drop (no reply),\n"
     "        corrupt (one byte altered), delay (held back; delay=P:MS, default 200 ms),\n"
     "        split (sent in 2-4 pieces; split=P:MS pause, default 20 ms), garbage\n"
@@ -141,7 +141,7 @@ int main(int argc, char** argv) {
         } else if (arg == "--live" && !hasValue) {
             options.live = true;
         } else if (arg == "--faults") {
-            if (!needValue()) return usageError("--faults needs a SPEC");
+            if (!needValue()) return usageError("--faults needs a LIST");
             std::string why;
             if (!kvsim::parseFaultSpec(value, options.faults, &why))
                 return usageError("bad --faults: " + why);

@@ -39,7 +39,7 @@ bool FaultSpec::any() const {
 }
 
 bool parseFaultSpec(const std::string& text, FaultSpec& out, std::string* error) {
-    FaultSpec spec;
+    FaultSpec plan;
     auto fail = [&](const std::string& why) {
         if (error) *error = why;
         return false;
@@ -64,21 +64,21 @@ bool parseFaultSpec(const std::string& text, FaultSpec& out, std::string* error)
         }
         if (k < 0)
             return fail("unknown fault kind '" + kind + "' (drop, corrupt, delay, split, garbage, close)");
-        if (!parseProbability(value, spec.probability[k]))
+        if (!parseProbability(value, plan.probability[k]))
             return fail("bad probability '" + value + "' for " + kind + " (0 to 1)");
         if (colon != std::string::npos) {
             int v = 0;
             if (static_cast<Fault>(k) != Fault::Delay && static_cast<Fault>(k) != Fault::Split)
                 return fail("only delay and split take :MS");
             if (!parseMs(ms, v)) return fail("bad milliseconds '" + ms + "' for " + kind);
-            (static_cast<Fault>(k) == Fault::Delay ? spec.delayMs : spec.splitPauseMs) = v;
+            (static_cast<Fault>(k) == Fault::Delay ? plan.delayMs : plan.splitPauseMs) = v;
         }
     }
-    out = spec;
+    out = plan;
     return true;
 }
 
-FaultInjector::FaultInjector(const FaultSpec& spec, uint32_t seed) : spec_(spec), rng_(seed) {}
+FaultInjector::FaultInjector(const FaultSpec& plan, uint32_t seed) : spec_(plan), rng_(seed) {}
 
 Delivery FaultInjector::apply(std::vector<uint8_t> reply) {
     Delivery d;

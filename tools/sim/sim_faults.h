@@ -47,7 +47,7 @@ struct Delivery {
 // garbage, delay and split combine. Only faults that were applied count.
 class FaultInjector {
 public:
-    FaultInjector(const FaultSpec& spec, uint32_t seed);
+    FaultInjector(const FaultSpec& plan, uint32_t seed);
     Delivery apply(std::vector<uint8_t> reply);
     uint64_t count(Fault f) const { return counts_[static_cast<int>(f)].load(std::memory_order_relaxed); }
 
