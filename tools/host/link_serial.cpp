@@ -1,5 +1,7 @@
 #include "link_serial.h"
 
+#include "fd_io.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
@@ -22,12 +24,6 @@ struct BaudRate {
 const BaudRate kBauds[] = {{1200, B1200},   {2400, B2400},     {4800, B4800},
                            {9600, B9600},   {19200, B19200},   {38400, B38400},
                            {57600, B57600}, {115200, B115200}, {230400, B230400}};
-
-int toPollMs(Micros us) {
-    if (us <= 0) return 0;
-    const Micros ms = (us + 999) / 1000;
-    return ms > 0x7fffffff ? 0x7fffffff : static_cast<int>(ms);
-}
 
 std::vector<std::string> splitComma(const std::string& text) {
     std::vector<std::string> parts;
@@ -164,26 +160,12 @@ void SerialLink::flushInput() {
 }
 
 bool SerialLink::send(const uint8_t* bytes, size_t n, std::string* error) {
-    size_t done = 0;
-    while (fd_ >= 0 && done < n) {
-        const ssize_t w = ::write(fd_, bytes + done, n - done);
-        if (w > 0) {
-            done += static_cast<size_t>(w);
-            continue;
-        }
-        if (w < 0 && errno == EINTR) continue;
-        if (w < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            pollfd p{fd_, POLLOUT, 0};
-            if (::poll(&p, 1, toPollMs(replyTimeout(static_cast<int>(n)))) > 0) continue;
-            if (error) *error = "send timed out";
-        } else if (error) {
-            *error = std::strerror(errno);
-        }
-        close();
+    if (fd_ < 0) {
+        if (error) *error = "device closed";
         return false;
     }
-    if (fd_ < 0) {
-        if (error && error->empty()) *error = "device closed";
+    if (!writeAll(fd_, false, bytes, n, replyTimeout(static_cast<int>(n)), error)) {
+        close();
         return false;
     }
     // The reply timeout starts once the request has left the line.
@@ -193,16 +175,9 @@ bool SerialLink::send(const uint8_t* bytes, size_t n, std::string* error) {
 
 long SerialLink::receive(uint8_t* buffer, size_t n, Micros timeout) {
     if (fd_ < 0) return -1;
-    pollfd p{fd_, POLLIN, 0};
-    const int ready = ::poll(&p, 1, toPollMs(timeout));
-    if (ready < 0) return errno == EINTR ? 0 : -1;
-    if (ready == 0) return 0;
-    const ssize_t r = ::read(fd_, buffer, n);
-    if (r > 0) return static_cast<long>(r);
-    if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return 0;
-    if (r == 0 && !(p.revents & (POLLHUP | POLLERR))) return 0;
-    close();
-    return -1;
+    const long r = readSome(fd_, false, buffer, n, timeout);
+    if (r < 0) close();
+    return r;
 }
 
 Micros SerialLink::replyTimeout(int replyLength) const {

@@ -1,5 +1,7 @@
 #include "link_tcp.h"
 
+#include "fd_io.h"
+
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -15,12 +17,6 @@
 namespace kvhost {
 
 namespace {
-
-int toPollMs(Micros us) {
-    if (us <= 0) return 0;
-    const Micros ms = (us + 999) / 1000;
-    return ms > 0x7fffffff ? 0x7fffffff : static_cast<int>(ms);
-}
 
 // Lets the kernel notice a dead peer on an idle connection within about 10 s.
 void keepAlive(int fd) {
@@ -134,42 +130,20 @@ void TcpLink::flushInput() {
 }
 
 bool TcpLink::send(const uint8_t* bytes, size_t n, std::string* error) {
-    size_t done = 0;
-    while (fd_ >= 0 && done < n) {
-        const ssize_t w = ::send(fd_, bytes + done, n - done, MSG_NOSIGNAL);
-        if (w > 0) {
-            done += static_cast<size_t>(w);
-            continue;
-        }
-        if (w < 0 && errno == EINTR) continue;
-        if (w < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            pollfd p{fd_, POLLOUT, 0};
-            if (::poll(&p, 1, toPollMs(replyTimeout_)) > 0) continue;
-            if (error) *error = "send timed out";
-        } else if (error) {
-            *error = std::strerror(errno);
-        }
-        close();
-        return false;
-    }
     if (fd_ < 0) {
-        if (error && error->empty()) *error = "not connected";
+        if (error) *error = "not connected";
         return false;
     }
-    return true;
+    if (writeAll(fd_, true, bytes, n, replyTimeout_, error)) return true;
+    close();
+    return false;
 }
 
 long TcpLink::receive(uint8_t* buffer, size_t n, Micros timeout) {
     if (fd_ < 0) return -1;
-    pollfd p{fd_, POLLIN, 0};
-    const int ready = ::poll(&p, 1, toPollMs(timeout));
-    if (ready < 0) return errno == EINTR ? 0 : -1;
-    if (ready == 0) return 0;
-    const ssize_t r = ::recv(fd_, buffer, n, MSG_DONTWAIT);
-    if (r > 0) return static_cast<long>(r);
-    if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return 0;
-    close();
-    return -1;
+    const long r = readSome(fd_, true, buffer, n, timeout);
+    if (r < 0) close();
+    return r;
 }
 
 }  // namespace kvhost
