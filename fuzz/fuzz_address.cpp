@@ -45,11 +45,6 @@ void checkAccepted(const QString& reg, int address) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    qInstallMessageHandler(quietMessages);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Reader in(data, size);
     const QString reg = in.regName();

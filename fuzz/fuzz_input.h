@@ -10,7 +10,18 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <vector>
+
+// Aborts so that libFuzzer records the input: the harness found a broken promise.
+#define KV_FUZZ_ASSERT(cond)                                                                \
+    do {                                                                                    \
+        if (!(cond)) {                                                                      \
+            std::fprintf(stderr, "%s:%d: promise broken: %s\n", __FILE__, __LINE__, #cond); \
+            std::abort();                                                                   \
+        }                                                                                   \
+    } while (0)
 
 namespace kvfuzz {
 

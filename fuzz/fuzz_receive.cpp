@@ -123,11 +123,6 @@ void transaction(Reader& in) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    qInstallMessageHandler(quietMessages);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Reader in(data, size);
     const int retries = in.u8() % 5;

@@ -5,6 +5,7 @@
 #ifndef KV3000_FUZZ_RUNTIME_H
 #define KV3000_FUZZ_RUNTIME_H
 
+#include "fuzz_input.h"
 #include "protocol.h"
 
 #include <QByteArray>
@@ -34,15 +35,6 @@ inline Runtime& runtime() {
     static Runtime* r = new Runtime;
     return *r;
 }
-
-// Aborts so that libFuzzer records the input: the harness found a broken promise.
-#define KV_FUZZ_ASSERT(cond)                                                                \
-    do {                                                                                    \
-        if (!(cond)) {                                                                      \
-            std::fprintf(stderr, "%s:%d: promise broken: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                   \
-        }                                                                                   \
-    } while (0)
 
 inline void changeCallback(int context, int station, const QString& name, int address) {
     Runtime& rt = runtime();

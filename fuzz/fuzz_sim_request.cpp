@@ -11,14 +11,6 @@ using namespace kvfuzz;
 
 namespace {
 
-#define SIM_FUZZ_ASSERT(cond)                                                               \
-    do {                                                                                    \
-        if (!(cond)) {                                                                      \
-            std::fprintf(stderr, "%s:%d: promise broken: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                   \
-        }                                                                                   \
-    } while (0)
-
 // Largest frame: 01 00 FF L, 255 command bytes, check byte, 04.
 constexpr size_t MAX_FRAME = 255 + 6;
 // Largest answer: 1024 nine-byte records and the 11 envelope bytes.
@@ -31,11 +23,11 @@ kvsim::Memory& plc() {
 
 void checkAnswer(const std::vector<uint8_t>& reply, kvsim::Outcome outcome) {
     if (outcome == kvsim::Outcome::Ack) {
-        SIM_FUZZ_ASSERT(reply.empty());
+        KV_FUZZ_ASSERT(reply.empty());
         return;
     }
-    SIM_FUZZ_ASSERT(reply.size() >= kvsim::REFUSAL_LEN && reply.size() <= MAX_ANSWER);
-    SIM_FUZZ_ASSERT(reply.front() == kvwire::ACK && reply.back() == kvwire::EOT);
+    KV_FUZZ_ASSERT(reply.size() >= kvsim::REFUSAL_LEN && reply.size() <= MAX_ANSWER);
+    KV_FUZZ_ASSERT(reply.front() == kvwire::ACK && reply.back() == kvwire::EOT);
 }
 
 }  // namespace
@@ -62,14 +54,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (head & 0x80) parser.expire();
         const std::vector<uint8_t> piece = in.bytes(head & 0x7F);
         for (const auto& frame : parser.feed(piece.data(), piece.size())) {
-            SIM_FUZZ_ASSERT(frame.size() >= 6 && frame.size() <= MAX_FRAME);
-            SIM_FUZZ_ASSERT(frame.front() == kvwire::SOF && frame.back() == kvwire::EOT);
-            SIM_FUZZ_ASSERT(frame.size() == static_cast<size_t>(frame[3]) + 6);
+            KV_FUZZ_ASSERT(frame.size() >= 6 && frame.size() <= MAX_FRAME);
+            KV_FUZZ_ASSERT(frame.front() == kvwire::SOF && frame.back() == kvwire::EOT);
+            KV_FUZZ_ASSERT(frame.size() == static_cast<size_t>(frame[3]) + 6);
             kvsim::Outcome outcome = kvsim::Outcome::Error;
             const std::vector<uint8_t> reply = kvsim::answer(plc(), frame.data(), frame.size(), &outcome);
             checkAnswer(reply, outcome);
         }
-        SIM_FUZZ_ASSERT(parser.pending() <= MAX_FRAME);
+        KV_FUZZ_ASSERT(parser.pending() <= MAX_FRAME);
     }
     return 0;
 }

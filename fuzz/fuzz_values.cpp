@@ -76,11 +76,6 @@ void transactions(Reader& in) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    qInstallMessageHandler(quietMessages);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Reader in(data, size);
     const int gap = in.u8() % 131;
