@@ -45,6 +45,28 @@ class QMutex;
 // passes (-1, -1, "-1", 0 on success or -1 on failure).
 typedef void (*ValueChangeCallBack)(int, int, const QString&, int);
 
+// The result codes by name. The functions return them as int.
+enum KvDealResult {
+    KV_DEAL_IDLE = 0,       // no frame was outstanding
+    KV_DEAL_ACCEPTED = 1,   // reply accepted
+    KV_DEAL_ABANDONED = 2,  // retries used up, transaction abandoned
+    KV_DEAL_RETRY = 8,      // reply rejected, the same frame is handed out again
+};
+enum KvAddrCheck {
+    KV_ADDR_OK = 0,
+    KV_ADDR_WRONG_KIND = 1,  // bit access to a word register or the other way round
+    KV_ADDR_OUT_OF_RANGE = 2,
+    KV_ADDR_UNKNOWN_REGISTER = 3,
+    KV_ADDR_MALFORMED = 4,      // the address text cannot be read
+    KV_ADDR_BAD_DATA_TYPE = 5,  // data type not allowed for a 32-bit register
+    KV_ADDR_READ_ONLY = 6,
+};
+enum KvMultiCopyResult {
+    KV_COPY_UNKNOWN_REGISTER = 0,
+    KV_COPY_DONE = 1,
+    KV_COPY_CLIPPED = 2,  // clipped at the register's highest address
+};
+
 #define KV_EXPORT extern "C" __attribute__((visibility("default")))
 
 KV_EXPORT int intf_initProperty(unsigned char* shareMemory, void* initArg2, unsigned short* recipeBuffer,

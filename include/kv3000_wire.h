@@ -46,7 +46,7 @@ constexpr int WORD_WRITE_REPLY_LEN = 10;
 constexpr int BIT_WRITE_REPLY_LEN = 9;  // also timer/counter value writes
 constexpr int HANDSHAKE_1_REPLY_LEN = 9;
 constexpr int HANDSHAKE_2_REPLY_LEN = 10;
-constexpr int TC_RECORD_LEN = 9;  // timer/counter record: contact(bit 7), current(4), set(4)
+constexpr int TC_RECORD_LEN = 9;  // timer/counter record, below
 
 // The longest word write whose L stays below 256.
 constexpr int MAX_WRITE_WORDS = 121;
@@ -79,6 +79,69 @@ constexpr uint8_t AREA_Z = 48;
 constexpr int SHM_RECIPE_WRITE = 60115;
 constexpr int SHM_RECIPE_READ = 60116;
 constexpr int SHM_MIN_SIZE = 60117;
+
+// Numbers in frames are sent most significant byte first.
+constexpr uint32_t getBE16(const uint8_t* p) {
+    return static_cast<uint32_t>(p[0]) << 8 | p[1];
+}
+constexpr uint32_t getBE32(const uint8_t* p) {
+    return getBE16(p) << 16 | getBE16(p + 2);
+}
+constexpr void putBE16(uint8_t* p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v >> 8);
+    p[1] = static_cast<uint8_t>(v);
+}
+constexpr void putBE32(uint8_t* p, uint32_t v) {
+    putBE16(p, v >> 16);
+    putBE16(p + 2, v);
+}
+
+// The device answers every element of a T, C, TC, TS, CC or CS read with
+// one nine-byte timer/counter record: the contact in bit 7 of byte 0, then
+// the current value and the set value, four bytes each.
+constexpr int TC_RECORD_CONTACT = 0;
+constexpr uint8_t TC_CONTACT_MASK = 0x80;
+constexpr int TC_RECORD_CURRENT = 1;
+constexpr int TC_RECORD_SET = 5;
+static_assert(TC_RECORD_SET + 4 == TC_RECORD_LEN, "contact, current, set");
+
+// The part of a record a register shows.
+enum class TimerField : uint8_t { None, Contact, Current, Set };
+
+struct TimerRecord {
+    bool contact = false;
+    uint32_t current = 0;
+    uint32_t set = 0;
+};
+
+constexpr TimerRecord readTimerRecord(const uint8_t* p) {
+    TimerRecord r;
+    r.contact = (p[TC_RECORD_CONTACT] & TC_CONTACT_MASK) != 0;
+    r.current = getBE32(p + TC_RECORD_CURRENT);
+    r.set = getBE32(p + TC_RECORD_SET);
+    return r;
+}
+
+constexpr void writeTimerRecord(uint8_t* p, const TimerRecord& r) {
+    p[TC_RECORD_CONTACT] = r.contact ? TC_CONTACT_MASK : 0;
+    putBE32(p + TC_RECORD_CURRENT, r.current);
+    putBE32(p + TC_RECORD_SET, r.set);
+}
+
+// One field of a record: the contact as 0 or 1, or a value.
+constexpr uint32_t timerField(const TimerRecord& r, TimerField f) {
+    switch (f) {
+        case TimerField::Contact:
+            return r.contact ? 1u : 0u;
+        case TimerField::Current:
+            return r.current;
+        case TimerField::Set:
+            return r.set;
+        case TimerField::None:
+            break;
+    }
+    return 0;
+}
 
 // The check sum of the KV-3000 frames: the byte sum, negated when above 255.
 // Only its low byte is used.

@@ -15,6 +15,20 @@
 
 class QMutex;
 
+// What the scheduler serves (driver.state).
+enum DriverState {
+    STATE_IDLE = 0,
+    STATE_HANDSHAKE = 1,
+    STATE_WRITE = 2,
+    STATE_CONDITION_READ = 3,
+    STATE_CYCLIC_READ = 4,
+    STATE_RECIPE_WRITE = 5,
+    STATE_RECIPE_READ = 6,
+};
+
+// The request id of every cyclic read block.
+enum { CYCLIC_READ_ID = 4 };
+
 // Data-area lookup key: station, register key (as a catalogue index) and unit address.
 struct DataKey {
     int32_t station;
