@@ -154,8 +154,9 @@ constexpr Traits derive(int row) {
     return t;
 }
 
+// One row per catalogue row, and a last one of Kind::None for everything else.
 struct Table {
-    Traits row[REG_COUNT] = {};
+    Traits row[REG_COUNT + 1] = {};
 };
 
 constexpr Table makeTable() {
@@ -175,8 +176,7 @@ constexpr int rowOf(const char* name) {
 
 // The traits of a row; a row outside the catalogue has Kind::None.
 constexpr const Traits& traits(int row) {
-    constexpr Traits none{};
-    return row >= 0 && row < REG_COUNT ? REG_TRAITS.row[row] : none;
+    return REG_TRAITS.row[row >= 0 && row < REG_COUNT ? row : REG_COUNT];
 }
 
 // The catalogue rows of each kind, checked against what the device is.
