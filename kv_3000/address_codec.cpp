@@ -1,6 +1,8 @@
 // Text and integer forms of KV-3000 addresses.
 #include "kv_3000/address_codec.h"
 
+#include "kv3000_traits.h"
+
 #include <QChar>
 #include <QStringList>
 
@@ -8,7 +10,7 @@
 #include <cstdint>
 
 bool isWordBitRegister(const QString& reg) {
-    return reg.contains(QLatin1String("_bit")) || reg == QLatin1String("R");
+    return kvreg::traits(getIndexFromRegName(reg)).notation == kvreg::Notation::WordBit;
 }
 
 int addr_str2int(QString text, QString reg) {

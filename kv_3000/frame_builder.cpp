@@ -6,6 +6,7 @@
 #include "kv_3000/frame_builder.h"
 
 #include "kv3000_catalogue.h"
+#include "kv3000_traits.h"
 #include "kv3000_wire.h"
 #include "protocol.h"
 
@@ -18,76 +19,12 @@
 
 namespace {
 
-// What a working register is, for framing.
-enum class Kind {
-    RelayBit,    // R, B: read as whole words from an aligned start, written bit by bit
-    Contact,     // T, C: read-only contacts
-    RelayWord,   // MR, LR, CR: the frame addresses them as word * 16
-    TimerValue,  // TC, TS, CC, CS: nine-byte records on read, one value per write
-    Word,        // other 16-bit registers
-    DWord,       // other 32-bit registers
-    None,
-};
-
-constexpr bool rowIs(int index, const char* name) {
-    const char* entry = REG_LIST[index];
-    int k = 0;
-    while (entry[k] != '\0' && entry[k] == name[k]) ++k;
-    return entry[k] == name[k];
-}
-static_assert(rowIs(3, "R") && rowIs(4, "B") && rowIs(5, "T") && rowIs(6, "C"), "catalogue rows");
-static_assert(rowIs(17, "MR") && rowIs(18, "LR") && rowIs(19, "CR"), "catalogue rows");
-static_assert(rowIs(22, "TC") && rowIs(23, "TS") && rowIs(24, "CC") && rowIs(25, "CS"), "catalogue rows");
-
-// By catalogue row: index is the row of the working register's name.
-Kind kindOf(int index) {
-    switch (index) {
-        case 3:  // R
-        case 4:  // B
-            return Kind::RelayBit;
-        case 5:  // T
-        case 6:  // C
-            return Kind::Contact;
-        case 17:  // MR
-        case 18:  // LR
-        case 19:  // CR
-            return Kind::RelayWord;
-        case 22:  // TC
-        case 23:  // TS
-        case 24:  // CC
-        case 25:  // CS
-            return Kind::TimerValue;
-        default:
-            break;
-    }
-    switch (regTransferBits(index)) {
-        case 16:
-            return Kind::Word;
-        case 32:
-            return Kind::DWord;
-        default:
-            return Kind::None;
-    }
-}
-
-bool endsInBit(const QString& reg) {
-    return reg.endsWith(QLatin1String("_bit"));
-}
+using kvreg::Kind;
 
 // Start address as the frame carries it; -1 when it does not fit the 4-byte field.
-int64_t frameStart(Kind kind, int64_t address) {
-    const int64_t start = kind == Kind::RelayWord ? address * 16 : address;
+int64_t frameStart(const kvreg::Traits& t, int64_t address) {
+    const int64_t start = t.relayWord ? address * 16 : address;
     return (start < 0 || start > 0xFFFFFFFFLL) ? -1 : start;
-}
-
-void put16(unsigned char* at, uint32_t v) {
-    at[0] = static_cast<unsigned char>(v >> 8);
-    at[1] = static_cast<unsigned char>(v);
-}
-
-void put32(unsigned char* at, uint32_t v) {
-    put16(at, v >> 16);
-    put16(at + 2, v);
 }
 
 // 06 01 00 FF L; the command bytes follow at position 5.
@@ -123,20 +60,21 @@ FRAME_PRO recordFor(const VARIABLE& var) {
     return f;
 }
 
-// The "_bit" rule without the block's data bytes.
+// The "_bit" rule without the block's data bytes: the working block's
+// catalogue row (-1 for a name outside the catalogue), address and length.
 struct Working {
-    QString reg;
+    int row;
     int32_t address;
     int32_t length;
 };
 
-Working workingOf(const VARIABLE& var) {
-    if (!endsInBit(var.reg)) return {var.reg, var.address, var.length};
+Working workingOf(const VARIABLE& var, int row) {
+    const kvreg::Traits& t = kvreg::traits(row);
+    if (t.kind != Kind::BitInWord) return {row, var.address, var.length};
     // Words covering bits (address mod 16) .. (address mod 16) + length - 1;
     // in 64 bits so that a huge length cannot wrap. No bits, no words.
     const int64_t bits = int64_t(var.address % 16) + var.length;
-    return {var.reg.left(var.reg.indexOf(QLatin1Char('_'))), var.address / 16,
-            bits <= 0 ? 0 : static_cast<int32_t>((bits + 15) / 16)};
+    return {t.keyRow, var.address / 16, bits <= 0 ? 0 : static_cast<int32_t>((bits + 15) / 16)};
 }
 
 // 1E 01 00 area 00 00 n(2) start(4) values: one word-write frame of n units of
@@ -153,8 +91,8 @@ FRAME_PRO wordWriteFrame(const VARIABLE& var, int area, int k, int n, uint32_t s
     *p++ = static_cast<unsigned char>(area);
     *p++ = 0x00;
     *p++ = 0x00;
-    put16(p, static_cast<uint32_t>(n));
-    put32(p + 2, start);
+    kvwire::putBE16(p, static_cast<uint32_t>(n));
+    kvwire::putBE32(p + 2, start);
     p = f.frame + kvwire::WORD_WRITE_HEAD_LEN;
     const int unitBytes = 2 * k;
     for (int i = 0; i < n; ++i) {
@@ -176,8 +114,8 @@ unsigned short computate_check(unsigned char* bytes, unsigned short count) {
 
 VARIABLE workingBlock(const VARIABLE& var) {
     VARIABLE w = var;
-    const Working working = workingOf(var);
-    w.reg = working.reg;
+    const Working working = workingOf(var, getIndexFromRegName(var.reg));
+    if (working.row >= 0) w.reg = QLatin1String(REG_LIST[working.row]);
     w.address = working.address;
     w.length = working.length;
     return w;
@@ -219,15 +157,11 @@ int getReadFrame(QList<VARIABLE> list) {
     if (list.isEmpty()) return 0;
     // constFirst: the list shares its items with the caller's, and first() would copy them.
     const VARIABLE& var = list.constFirst();
-    // Only catalogue names: "Z_bit" would otherwise pass as "Z" word reads.
-    const int nameIndex = getIndexFromRegName(var.reg);
-    if (nameIndex < 0) return 0;
-    const Working w = workingOf(var);
-    const int index = w.reg.size() == var.reg.size() ? nameIndex : getIndexFromRegName(w.reg);
-    if (index < 0) return 0;
+    const Working w = workingOf(var, getIndexFromRegName(var.reg));
     // Nothing to read, or an address the frame cannot carry.
     if (var.length <= 0 || w.length <= 0 || var.address < 0) return 0;
-    const Kind kind = kindOf(index);
+    const kvreg::Traits& t = kvreg::traits(w.row);
+    const Kind kind = t.kind;
     if (kind == Kind::None) return 0;
 
     int64_t start;
@@ -236,7 +170,7 @@ int getReadFrame(QList<VARIABLE> list) {
         start = w.address - w.address % 16;
         count = (w.address - start + int64_t(w.length) + 15) / 16;
     } else {
-        start = frameStart(kind, w.address);
+        start = frameStart(t, w.address);
         count = w.length;
     }
     // The count field has 16 bits, the start field 32.
@@ -254,12 +188,7 @@ int getReadFrame(QList<VARIABLE> list) {
         f.replyLength = static_cast<int32_t>(2 * count + kvwire::READ_REPLY_OVERHEAD);
         f.elementCount = f.length;
     } else {
-        if (kind == Kind::Contact || kind == Kind::TimerValue) {
-            f.replyLength = kvwire::TC_RECORD_LEN * w.length + kvwire::READ_REPLY_OVERHEAD;
-        } else {
-            const int k = regTransferBits(index) / 16;
-            f.replyLength = 2 * w.length * k + kvwire::READ_REPLY_OVERHEAD;
-        }
+        f.replyLength = t.replyBytes() * w.length + kvwire::READ_REPLY_OVERHEAD;
         f.elementCount = w.length;
     }
 
@@ -267,11 +196,11 @@ int getReadFrame(QList<VARIABLE> list) {
     f.frame[5] = kvwire::CMD_WORD;
     f.frame[6] = kvwire::CMD_WORD_READ;
     f.frame[7] = 0x00;
-    f.frame[8] = static_cast<unsigned char>(REG_LIST_AREA[index]);
+    f.frame[8] = t.readArea;
     f.frame[9] = 0x00;
     f.frame[10] = 0x00;
-    put16(f.frame + 11, static_cast<uint32_t>(count));
-    put32(f.frame + 13, static_cast<uint32_t>(start));
+    kvwire::putBE16(f.frame + 11, static_cast<uint32_t>(count));
+    kvwire::putBE32(f.frame + 13, static_cast<uint32_t>(start));
     closeFrame(f, kvwire::READ_CMD_LEN);
     f.dataOffset = kvwire::READ_REPLY_HEADER;
     return 1;
@@ -279,16 +208,16 @@ int getReadFrame(QList<VARIABLE> list) {
 
 void getWriteFrame(VARIABLE& var) {
     // Unknown names, no values to write, or an address no frame can carry.
-    if (getIndexFromRegName(var.reg) < 0) return;
+    const int row = getIndexFromRegName(var.reg);
+    if (row < 0) return;
     if (var.length <= 0 || var.address < 0) return;
-    const bool bitInWord = endsInBit(var.reg);
-    const VARIABLE w = workingBlock(var);
-    const int index = getIndexFromRegName(w.reg);
-    if (index < 0) return;
-    const Kind kind = kindOf(index);
+    const bool bitInWord = kvreg::traits(row).kind == Kind::BitInWord;
+    const Working w = workingOf(var, row);
+    const kvreg::Traits& t = kvreg::traits(w.row);
+    const Kind kind = t.kind;
 
     // Contacts are read-only on the device.
-    if (kind == Kind::Contact || kind == Kind::None) return;
+    if (!t.writable()) return;
 
     if (kind == Kind::RelayBit || kind == Kind::TimerValue) {
         // These frames carry one element each. A block of several elements
@@ -308,15 +237,15 @@ void getWriteFrame(VARIABLE& var) {
                 *p++ = var.data[j] ? kvwire::CMD_BIT_SET : kvwire::CMD_BIT_RESET;
                 *p++ = 0x00;
                 *p++ = 0x01;
-                *p++ = static_cast<unsigned char>(REG_LIST_AREA[index]);
-                put16(p, address);
+                *p++ = t.readArea;
+                kvwire::putBE16(p, address);
             } else {
                 cmdLen = kvwire::VALUE_WRITE_CMD_LEN;
                 *p++ = kvwire::CMD_VALUE_WRITE;
                 *p++ = 0x00;
                 *p++ = 0x01;
-                *p++ = static_cast<unsigned char>(REG_LIST_W_AREA[index]);
-                put16(p, address);
+                *p++ = t.valueWriteArea;
+                kvwire::putBE16(p, address);
                 p += 2;
                 for (int b = 3; b >= 0; --b) *p++ = var.data[4 * j + b];
             }
@@ -330,7 +259,7 @@ void getWriteFrame(VARIABLE& var) {
         return;
     }
 
-    const int k = kind == Kind::DWord ? 2 : 1;
+    const int k = t.transferBits / 16;
     const int perFrame = k == 2 ? kvwire::MAX_WRITE_DWORDS : kvwire::MAX_WRITE_WORDS;
 
     if (bitInWord) {
@@ -340,11 +269,11 @@ void getWriteFrame(VARIABLE& var) {
         // must fit one write frame, and data holds one byte per bit, so no
         // more bits than that can be named.
         if (w.length <= 0 || w.length > perFrame || var.length > KV_BUFFER_SIZE) return;
-        if (frameStart(kind, w.address) < 0) return;
+        if (frameStart(t, w.address) < 0) return;
         if (!getReadFrame(QList<VARIABLE>() << var)) return;
         static const unsigned char zeros[KV_BUFFER_SIZE] = {};
-        driver.frameList.append(wordWriteFrame(var, REG_LIST_AREA[index], k, w.length,
-                                               uint32_t(frameStart(kind, w.address)), zeros));
+        driver.frameList.append(
+            wordWriteFrame(var, t.readArea, k, w.length, uint32_t(frameStart(t, w.address)), zeros));
         return;
     }
 
@@ -352,14 +281,13 @@ void getWriteFrame(VARIABLE& var) {
     // start would not fit its 4-byte field.
     const int64_t n = w.length;
     if (n * 2 * k > KV_BUFFER_SIZE) return;
-    if (frameStart(kind, int64_t(w.address) + n - 1) < 0) return;
+    if (frameStart(t, int64_t(w.address) + n - 1) < 0) return;
 
     // Longer blocks go out as several frames whose length byte stays below 256.
     for (int done = 0; done < n;) {
         const int part = std::min<int>(perFrame, static_cast<int>(n) - done);
-        const uint32_t start = static_cast<uint32_t>(frameStart(kind, int64_t(w.address) + done));
-        driver.frameList.append(
-            wordWriteFrame(var, REG_LIST_AREA[index], k, part, start, w.data + 2 * k * done));
+        const uint32_t start = static_cast<uint32_t>(frameStart(t, int64_t(w.address) + done));
+        driver.frameList.append(wordWriteFrame(var, t.readArea, k, part, start, var.data + 2 * k * done));
         done += part;
     }
 }

@@ -7,6 +7,7 @@
 #include "serviceForProtocol/address_merge.h"
 
 #include "kv3000_catalogue.h"
+#include "kv3000_traits.h"
 #include "kv_3000/address_codec.h"
 #include "kv_3000/merge_rule.h"
 #include "protocol.h"
@@ -56,12 +57,12 @@ std::vector<RowInfo> rowTable(bool recipe) {
     std::vector<RowInfo> rows(REG_COUNT);
     for (int r = 0; r < REG_COUNT; ++r) {
         RowInfo& info = rows[r];
+        const kvreg::Traits& t = kvreg::traits(r);
         const QString name = QString::fromLatin1(REG_LIST[r]);
-        const QStringList parts = name.split(QLatin1Char('_'), Qt::KeepEmptyParts);
-        info.unit = regTransferBits(r);
-        info.bitElements = regElementBits(r) == 1;
-        info.splitsToWords = !recipe && parts.size() > 1 && parts.last() == QLatin1String("bit");
-        info.wordName = parts.first();
+        info.unit = t.transferBits;
+        info.bitElements = t.countsBits();
+        info.splitsToWords = !recipe && t.kind == kvreg::Kind::BitInWord;
+        info.wordName = QString::fromLatin1(REG_LIST[t.keyRow]);
         info.listIndex = driver.regList.indexOf(info.splitsToWords ? info.wordName : name);
 
         int maxAddress = 0;
@@ -84,11 +85,9 @@ Span toSpan(const KEY_ADDRESS& key, int position, int row, const std::vector<Row
     s.regIndex = info.listIndex;
     s.wordsPerUnit = info.wordsPerUnit;
     if (recipe) {
-        if (!info.bitElements) {
-            // A 32-bit entry of one word still names one value.
-            const int64_t units = int64_t(double(s.length) * (16.0 / info.unit));
-            s.length = (s.length > 0 && units == 0) ? 1 : units;
-        }
+        // A 32-bit entry of one word names no whole value: it becomes a block
+        // of no units, which no transfer can carry.
+        if (!info.bitElements) s.length = int64_t(double(s.length) * (16.0 / info.unit));
     } else if (info.splitsToWords) {
         // Bit address and bit count become the words that cover them:
         // bits 12.15 .. 13.2 are the two words from 12.
@@ -128,7 +127,11 @@ public:
         cut();
     }
     void add(const Span& key) {
-        const bool joins = sameRegister(current_, key) &&
+        // A recipe key of no units is a block of its own: joined with a
+        // neighbour, the block would take the neighbour's values from the
+        // empty key's place in the recipe buffer.
+        const bool empty = recipe_ && (current_.length <= 0 || key.length <= 0);
+        const bool joins = !empty && sameRegister(current_, key) &&
                            gapSplits(key.address - (current_.address + current_.length), 0) == 0 &&
                            joinUnion(current_, key);
         if (!joins) {

@@ -2,32 +2,19 @@
 // address. They read only the constant catalogue, so they take no lock.
 #include "kv3000_catalogue.h"
 #include "kv3000_intf.h"
+#include "kv3000_traits.h"
 #include "kv_3000/address_codec.h"
 
 #include <QLatin1String>
 
 namespace {
 
-enum {
-    ADDR_OK = 0,
-    ADDR_WRONG_KIND = 1,
-    ADDR_OUT_OF_RANGE = 2,
-    ADDR_UNKNOWN_REGISTER = 3,
-    ADDR_MALFORMED = 4,
-    ADDR_BAD_DATA_TYPE = 5,
-    ADDR_READ_ONLY = 6,
-};
-
-bool isBitRow(int row) {
-    return QLatin1String(ADDRESS_RANGE_PRO[row][REG_COL_ELEMENT]) == QLatin1String("1");
-}
-
 // Conversion and range test shared by both checks; `unitBits` is the size of
 // one requested element. The range test runs in double precision so that no
 // length or address can wrap into range.
 int checkRange(int row, const QString& reg, const QString& text, int& address, int length, int unitBits) {
     const QString format = QString::fromLatin1(ADDRESS_RANGE_PRO[row][REG_COL_FORMAT]);
-    if (a2i(text, address, format, reg) == -1) return ADDR_MALFORMED;
+    if (a2i(text, address, format, reg) == -1) return KV_ADDR_MALFORMED;
 
     int maximum = 0;
     int minimum = 0;
@@ -35,13 +22,13 @@ int checkRange(int row, const QString& reg, const QString& text, int& address, i
     a2i(QString::fromLatin1(ADDRESS_RANGE_PRO[row][REG_COL_MIN]), minimum, format, reg);
 
     const double unitFactor = unitBits * 0.0625;
-    if (address < minimum) return ADDR_OUT_OF_RANGE;
+    if (address < minimum) return KV_ADDR_OUT_OF_RANGE;
     // The first element must exist whatever the length: a length of 0 or
     // below would otherwise pass an address beyond the register's end.
-    if (address > maximum) return ADDR_OUT_OF_RANGE;
-    if (double(length) / unitFactor + double(address) > double(maximum) + 1.0) return ADDR_OUT_OF_RANGE;
+    if (address > maximum) return KV_ADDR_OUT_OF_RANGE;
+    if (double(length) / unitFactor + double(address) > double(maximum) + 1.0) return KV_ADDR_OUT_OF_RANGE;
     address = addrOffset(reg, address);
-    return ADDR_OK;
+    return KV_ADDR_OK;
 }
 
 }  // namespace
@@ -49,24 +36,22 @@ int checkRange(int row, const QString& reg, const QString& text, int& address, i
 int intf_checkAddrValidity(const QString& reg, const QString& text, int& address, int length,
                            int wordAccess) {
     const int row = getIndexFromRegName(reg);
-    if (row < 0) return ADDR_UNKNOWN_REGISTER;
-    const bool bitRow = isBitRow(row);
-    if ((bitRow && wordAccess != 0) || (!bitRow && wordAccess == 0)) return ADDR_WRONG_KIND;
-    return checkRange(row, reg, text, address, length, wordAccess != 0 ? regTransferBits(row) : 16);
+    if (row < 0) return KV_ADDR_UNKNOWN_REGISTER;
+    const kvreg::Traits& t = kvreg::traits(row);
+    if (t.countsBits() == (wordAccess != 0)) return KV_ADDR_WRONG_KIND;
+    return checkRange(row, reg, text, address, length, wordAccess != 0 ? t.transferBits : 16);
 }
 
 int intf_checkAddr(const QString& reg, const QString& text, int& address, int dataType, int length,
                    int accessMode) {
     const int row = getIndexFromRegName(reg);
-    if (row < 0) return ADDR_UNKNOWN_REGISTER;
-    const bool bitRow = isBitRow(row);
-    if ((bitRow && dataType != -1) || (!bitRow && dataType == -1)) return ADDR_WRONG_KIND;
-    if (QLatin1String(ADDRESS_RANGE_PRO[row][REG_COL_ACCESS]) == QLatin1String("R") &&
-        (accessMode == 1 || accessMode == 2))
-        return ADDR_READ_ONLY;
+    if (row < 0) return KV_ADDR_UNKNOWN_REGISTER;
+    const kvreg::Traits& t = kvreg::traits(row);
+    if (t.countsBits() == (dataType != -1)) return KV_ADDR_WRONG_KIND;
+    if (t.readOnly && (accessMode == 1 || accessMode == 2)) return KV_ADDR_READ_ONLY;
     // The runtime's codes 1, 3, 5, 6 and 9 are the types that fit a 32-bit unit.
-    if (QLatin1String(ADDRESS_RANGE_PRO[row][REG_COL_ELEMENT]) == QLatin1String("32") && dataType != 1 &&
-        dataType != 3 && dataType != 5 && dataType != 6 && dataType != 9)
-        return ADDR_BAD_DATA_TYPE;
-    return checkRange(row, reg, text, address, length, dataType != -1 ? regTransferBits(row) : 16);
+    if (t.elementBits == 32 && dataType != 1 && dataType != 3 && dataType != 5 && dataType != 6 &&
+        dataType != 9)
+        return KV_ADDR_BAD_DATA_TYPE;
+    return checkRange(row, reg, text, address, length, dataType != -1 ? t.transferBits : 16);
 }

@@ -1,33 +1,11 @@
 // Register catalogue lookups and the two catalogue exports.
 #include "kv3000_catalogue.h"
 #include "kv3000_intf.h"
+#include "kv3000_traits.h"
 
 #include <QLatin1String>
 
 namespace {
-
-// The numeric columns, converted once at compile time (they hold plain decimal digits).
-constexpr int decimal(const char* text) {
-    int v = 0;
-    for (; *text; ++text) v = v * 10 + (*text - '0');
-    return v;
-}
-
-struct NumericColumns {
-    int element[REG_COUNT] = {};
-    int transfer[REG_COUNT] = {};
-};
-
-constexpr NumericColumns numericColumns() {
-    NumericColumns c;
-    for (int i = 0; i < REG_COUNT; ++i) {
-        c.element[i] = decimal(ADDRESS_RANGE_PRO[i][REG_COL_ELEMENT]);
-        c.transfer[i] = decimal(ADDRESS_RANGE_PRO[i][REG_COL_TRANSFER]);
-    }
-    return c;
-}
-
-constexpr NumericColumns kColumns = numericColumns();
 
 // The rows by the first letter of their names, in catalogue order (at most 7 share one).
 struct FirstLetters {
@@ -67,13 +45,11 @@ int getIndexFromRegName(const QString& name) {
 }
 
 int regElementBits(int index) {
-    if (index < 0 || index >= REG_COUNT) return 0;
-    return kColumns.element[index];
+    return kvreg::traits(index).elementBits;
 }
 
 int regTransferBits(int index) {
-    if (index < 0 || index >= REG_COUNT) return 0;
-    return kColumns.transfer[index];
+    return kvreg::traits(index).transferBits;
 }
 
 int intf_getRegListByType(int type, QList<QString>& names) {
@@ -93,32 +69,9 @@ int intf_getRegDiscription(const QString& name, QList<QString>& description) {
         description.append(QString::fromLatin1(row[REG_COL_FORMAT]));
         description.append(QString::fromLatin1(row[REG_COL_MIN]));
         description.append(QString::fromLatin1(row[REG_COL_MAX]));
-        QString size;
-        switch (regElementBits(i)) {
-            case 1:
-                size = QStringLiteral("0");
-                break;
-            case 8:
-            case 16:
-                size = QStringLiteral("1");
-                break;
-            case 32:
-                size = QStringLiteral("2");
-                break;
-            default:
-                size = QStringLiteral("1");
-                break;
-        }
-        description.append(size);
-        const QLatin1String access(row[REG_COL_ACCESS]);
-        if (access == QLatin1String("R"))
-            description.append(QStringLiteral("0"));
-        else if (access == QLatin1String("RW"))
-            description.append(QStringLiteral("1"));
-        else if (access == QLatin1String("W"))
-            description.append(QStringLiteral("2"));
-        else
-            description.append(QStringLiteral("1"));
+        // Element size: 0 bit, 1 word, 2 double word.
+        description.append(QString::number(regElementBits(i) / 16));
+        description.append(kvreg::traits(i).readOnly ? QStringLiteral("0") : QStringLiteral("1"));
     }
     return 0;
 }

@@ -1,6 +1,7 @@
 // Condition reads: one-off reads queued ahead of the cyclic reads, whose end
 // is announced to the runtime through the change callback.
 #include "kv3000_catalogue.h"
+#include "kv3000_traits.h"
 #include "protocol.h"
 #include "serviceForProtocol/record_copy.h"
 #include "serviceForProtocol/scheduler.h"
@@ -44,13 +45,13 @@ void refuse(const KEY_ADDRESS& key, const char* why) {
 
 int intf_addConditionRead(const KEY_ADDRESS& key, int id) {
     std::lock_guard<std::recursive_mutex> serial(driver.serial);
-    const int index = getIndexFromRegName(key.reg);
-    if (index < 0) {
+    const kvreg::Traits& t = kvreg::traits(getIndexFromRegName(key.reg));
+    if (t.kind == kvreg::Kind::None) {
         refuse(key, "unknown register");
         return 1;
     }
-    const int transfer = regTransferBits(index);
-    const bool bitName = key.reg.contains(QLatin1String("_bit"));
+    const int transfer = t.transferBits;
+    const bool bitName = t.kind == kvreg::Kind::BitInWord;
     int limit = key.dataType == -1 ? driver.maxBitBlockLength : driver.maxBlockLength;
     if (key.length > 0 && limit <= 0) {
         refuse(key, "block length parameter is 0");
@@ -84,7 +85,7 @@ int intf_addConditionRead(const KEY_ADDRESS& key, int id) {
         v.id = id;
         v.station = key.station;
         if (bitName) {
-            v.reg = key.reg.left(key.reg.indexOf(QLatin1Char('_')));
+            v.reg = QLatin1String(REG_LIST[t.keyRow]);
             v.address = pieceAddress / transfer;
             const int covered = pieceAddress % transfer + pieceLength;
             v.length = covered / transfer + (covered % transfer ? 1 : 0);

@@ -6,6 +6,7 @@
 #include "serviceForProtocol/value_parser.h"
 
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <mutex>
 
@@ -65,18 +66,6 @@ int indexedEntry(int station, int keyIndex, const QString& key, int address) {
     return pos;
 }
 
-UnitKind kindOfRow(int row, const QString& reg) {
-    if (row < 0) return UNIT_NONE;
-    const int element = regElementBits(row);
-    const int transfer = regTransferBits(row);
-    const bool bitView = reg.contains(QLatin1String("_bit"));
-    if (element == 16 && transfer == 16) return UNIT_WORD;
-    if (element == 32 && transfer == 32) return UNIT_DWORD;
-    if (element == 1 && !bitView && transfer == 1) return UNIT_BIT;
-    if (element == 1 && bitView && transfer == 16) return UNIT_BIT_IN_WORD;
-    return UNIT_NONE;
-}
-
 // Write requests in writeList equal to this one; 2 means an identical write is
 // on the wire and this one waits behind it.
 int countPendingWrites(int station, const QString& reg, int address, int len) {
@@ -92,107 +81,81 @@ bool reinitialised(uint32_t epoch) {
     return driver.initEpoch != epoch;
 }
 
-void saveWords(int station, const UnitRegister& r, int address, int len, const unsigned char* data) {
-    // A callback that re-initialises the driver ends this store.
-    const uint32_t epoch = driver.initEpoch;
-    if (len > DATA_MAX_WORDS || !unitRangeFits(address, len)) return;
-    for (int i = 0; i < len; ++i) {
-        const int idx = dataAreaEntry(station, r, address + i);
-        const unsigned char b0 = data[2 * i];
-        const unsigned char b1 = data[2 * i + 1];
-        const unsigned char* shown = shownValue(driver.dataArea.at(idx));
-        if (b0 != shown[0] || b1 != shown[1]) {
-            int oldValue = uchar2int16(shown[0], shown[1]);
-            int newValue = uchar2int16(b0, b1);
-            _wordDataChange(&oldValue, &newValue, idx, 0);
-            if (reinitialised(epoch)) return;
+// Stores the written values of one unit, reporting a change of what it shows.
+// False when a report re-initialised the driver: the store ends there.
+bool saveUnit(const UnitRegister& r, const UnitStep& u, const unsigned char* data, uint32_t epoch,
+              int& pendingCount, int address, int len) {
+    const unsigned char* shown = shownValue(driver.dataArea.at(u.entry));
+    switch (r.kind) {
+        case Unit::Word: {
+            const unsigned char* in = data + 2 * u.i;
+            if (in[0] != shown[0] || in[1] != shown[1]) {
+                int oldValue = uchar2int16(shown[0], shown[1]);
+                int newValue = uchar2int16(in[0], in[1]);
+                _wordDataChange(&oldValue, &newValue, u.entry, 0);
+                if (reinitialised(epoch)) return false;
+            }
+            _DATA_& e = driver.dataArea[u.entry];
+            std::memcpy(e.writeValue, in, 2);
+            e.writeValid = 1;
+            return true;
         }
-        _DATA_* e = dataAreaAt(idx);
-        if (!e) continue;
-        e->writeValue[0] = b0;
-        e->writeValue[1] = b1;
-        e->writeValid = 1;
-    }
-}
+        case Unit::DWord: {
+            const unsigned char* in = data + 4 * u.i;
+            int newValue = uchar2int32(in[0], in[1], in[2], in[3]);
+            int oldValue = uchar2int32(shown[0], shown[1], shown[2], shown[3]);
+            if (newValue != oldValue) {
+                _dwordDataChange(&oldValue, &newValue, u.entry, 0);
+                if (reinitialised(epoch)) return false;
+            }
+            _DATA_& e = driver.dataArea[u.entry];
+            std::memcpy(e.writeValue, in, 4);
+            e.writeValid = 1;
+            return true;
+        }
+        case Unit::Bit: {
+            // Bit units report every change of their own, monitored or not.
+            if (data[u.i] != shown[0]) {
+                reportValueChange(driver.dataArea.at(u.entry).station, r.name, address + u.i);
+                if (reinitialised(epoch)) return false;
+            }
+            _DATA_& e = driver.dataArea[u.entry];
+            e.writeValue[0] = data[u.i];
+            e.writeValid = 1;
+            return true;
+        }
+        case Unit::BitInWord: {
+            const int k = u.byte;
+            const unsigned char shownByte = shown[k];
+            const unsigned char newByte =
+                static_cast<unsigned char>(_setBitValue(shownByte, u.bit, data[u.i] == 1));
+            if (newByte != shownByte) {
+                int oldValue = uchar2int16(shown[0], shown[1]);
+                int newValue = k == 1 ? uchar2int16(shown[0], newByte) : uchar2int16(newByte, shown[1]);
+                _wordDataChange(&oldValue, &newValue, u.entry, 0);
+                if (reinitialised(epoch)) return false;
+            }
+            _DATA_& e = driver.dataArea[u.entry];
+            // The first bit written into a word takes the rest of the word from
+            // the read value, so the shown word keeps its other bits.
+            if (e.writeValid == 0) e.writeValue[1 - k] = e.readValue[1 - k];
+            e.writeValue[k] = newByte;
+            e.writeValid = 1;
 
-void saveDwords(int station, const UnitRegister& r, int address, int len, const unsigned char* data) {
-    // A callback that re-initialises the driver ends this store.
-    const uint32_t epoch = driver.initEpoch;
-    if (len > DATA_MAX_WORDS) return;
-    const int units = len / 2;
-    if (units <= 0 || !unitRangeFits(address, units)) return;
-    for (int i = 0; i < units; ++i) {
-        const int idx = dataAreaEntry(station, r, address + i);
-        const unsigned char* in = data + 4 * i;
-        const unsigned char* shown = shownValue(driver.dataArea.at(idx));
-        int newValue = uchar2int32(in[0], in[1], in[2], in[3]);
-        int oldValue = uchar2int32(shown[0], shown[1], shown[2], shown[3]);
-        if (newValue != oldValue) {
-            _dwordDataChange(&oldValue, &newValue, idx, 0);
-            if (reinitialised(epoch)) return;
+            const int q = 2 * (8 * k + u.bit);
+            if (((e.bitWriteFlags >> q) & 1u) == 0) {
+                e.bitWriteFlags = static_cast<uint32_t>(_setBitValue(int(e.bitWriteFlags), q, 1));
+                return true;
+            }
+            if (pendingCount < 0) pendingCount = countPendingWrites(e.station, r.name, address, len);
+            if (pendingCount == 2)
+                e.bitWriteFlags = static_cast<uint32_t>(_setBitValue(int(e.bitWriteFlags), q + 1, 1));
+            return true;
         }
-        _DATA_* e = dataAreaAt(idx);
-        if (!e) continue;
-        for (int b = 0; b < 4; ++b) e->writeValue[b] = in[b];
-        e->writeValid = 1;
+        case Unit::None:
+            break;
     }
-}
-
-void saveBits(int station, const UnitRegister& r, int address, int len, const unsigned char* data) {
-    // A callback that re-initialises the driver ends this store.
-    const uint32_t epoch = driver.initEpoch;
-    if (len > DATA_MAX_BITS || !unitRangeFits(address, len)) return;
-    for (int i = 0; i < len; ++i) {
-        const int idx = dataAreaEntry(station, r, address + i);
-        // Bit units report every change of their own, monitored or not.
-        if (data[i] != shownValue(driver.dataArea.at(idx))[0]) {
-            reportValueChange(station, r.name, address + i);
-            if (reinitialised(epoch)) return;
-        }
-        _DATA_* e = dataAreaAt(idx);
-        if (!e) continue;
-        e->writeValue[0] = data[i];
-        e->writeValid = 1;
-    }
-}
-
-void saveBitsInWords(int station, const UnitRegister& r, int address, int len, const unsigned char* data) {
-    // A callback that re-initialises the driver ends this store.
-    const uint32_t epoch = driver.initEpoch;
-    if (len > DATA_MAX_BITS || address < 0 || !unitRangeFits(address, len)) return;
-    int pendingCount = -1;
-    for (int i = 0; i < len; ++i) {
-        const int b = address + i;
-        const int p = b % 16;
-        const int k = p / 8;
-        const int j = b % 8;
-        const int idx = dataAreaEntry(station, r, b / 16);
-        const unsigned char* shown = shownValue(driver.dataArea.at(idx));
-        const unsigned char shownByte = shown[k];
-        const unsigned char newByte = static_cast<unsigned char>(_setBitValue(shownByte, j, data[i] == 1));
-        if (newByte != shownByte) {
-            int oldValue = uchar2int16(shown[0], shown[1]);
-            int newValue = k == 1 ? uchar2int16(shown[0], newByte) : uchar2int16(newByte, shown[1]);
-            _wordDataChange(&oldValue, &newValue, idx, 0);
-            if (reinitialised(epoch)) return;
-        }
-        _DATA_* e = dataAreaAt(idx);
-        if (!e) continue;
-        // The first bit written into a word takes the rest of the word from
-        // the read value, so the shown word keeps its other bits.
-        if (e->writeValid == 0) e->writeValue[1 - k] = e->readValue[1 - k];
-        e->writeValue[k] = newByte;
-        e->writeValid = 1;
-
-        const int q = 2 * p;
-        if (((e->bitWriteFlags >> q) & 1u) == 0) {
-            e->bitWriteFlags = static_cast<uint32_t>(_setBitValue(int(e->bitWriteFlags), q, 1));
-            continue;
-        }
-        if (pendingCount < 0) pendingCount = countPendingWrites(station, r.name, address, len);
-        if (pendingCount == 2)
-            e->bitWriteFlags = static_cast<uint32_t>(_setBitValue(int(e->bitWriteFlags), q + 1, 1));
-    }
+    return false;
 }
 
 }  // namespace
@@ -204,37 +167,15 @@ void clearDataArea() {
     unindexedEntries = 0;
 }
 
-UnitKind unitKindOf(const QString& reg) {
-    return kindOfRow(getIndexFromRegName(reg), reg);
-}
-
-QString regKeyOf(const QString& reg) {
-    const int cut = reg.indexOf(QLatin1Char('_'));
-    return cut < 0 ? reg : reg.left(cut);
-}
-
 namespace {
-
-// What every catalogue row resolves to, worked out once.
-struct RowUnit {
-    UnitKind kind = UNIT_NONE;
-    int keyIndex = -1;
-    bool bitView = false;  // the name contains "_bit"
-};
 
 struct CatalogueNames {
     QString name[REG_COUNT];     // the catalogue's names
     QString bitName[REG_COUNT];  // name + "_bit", as bit reports name a word's bits
-    RowUnit unit[REG_COUNT];
     CatalogueNames() {
         for (int i = 0; i < REG_COUNT; ++i) {
             name[i] = QString::fromLatin1(REG_LIST[i]);
             bitName[i] = name[i] + QLatin1String("_bit");
-        }
-        for (int i = 0; i < REG_COUNT; ++i) {
-            unit[i].kind = kindOfRow(i, name[i]);
-            unit[i].keyIndex = getIndexFromRegName(regKeyOf(name[i]));
-            unit[i].bitView = name[i].contains(QLatin1String("_bit"));
         }
     }
 };
@@ -254,30 +195,34 @@ const QString& catalogueBitName(int keyIndex) {
     return catalogueNames().bitName[keyIndex];
 }
 
-int catalogueKeyIndex(int row) {
-    return row >= 0 && row < REG_COUNT ? catalogueNames().unit[row].keyIndex : -1;
-}
-
-bool catalogueBitView(int row) {
-    return row >= 0 && row < REG_COUNT && catalogueNames().unit[row].bitView;
-}
-
 bool resolveUnitRegister(const QString& reg, UnitRegister& out) {
     out = UnitRegister();
-    const int row = getIndexFromRegName(reg);
-    if (row < 0) return false;
-    const RowUnit& unit = catalogueNames().unit[row];
-    if (unit.kind == UNIT_NONE) return false;
-    out.kind = unit.kind;
+    const kvreg::Traits& t = kvreg::traits(getIndexFromRegName(reg));
+    if (t.unit() == Unit::None) return false;
+    out.kind = t.unit();
     out.name = reg;
-    // A catalogue name's key ("DM" of "DM_bit") is itself a catalogue name.
-    out.keyIndex = unit.keyIndex;
-    out.key = unit.keyIndex >= 0 ? catalogueKeyName(unit.keyIndex) : regKeyOf(reg);
+    out.keyIndex = t.keyRow;
+    out.key = catalogueKeyName(t.keyRow);
     return true;
 }
 
 bool unitRangeFits(int address, long long count) {
     return count >= 1 && static_cast<long long>(address) + count - 1 <= std::numeric_limits<int32_t>::max();
+}
+
+long long bufferUnits(Unit kind, int len) {
+    switch (kind) {
+        case Unit::Word:
+            return len <= DATA_MAX_WORDS ? len : 0;
+        case Unit::DWord:
+            return len <= DATA_MAX_WORDS ? len / 2 : 0;
+        case Unit::Bit:
+        case Unit::BitInWord:
+            return len <= DATA_MAX_BITS ? len : 0;
+        case Unit::None:
+            break;
+    }
+    return 0;
 }
 
 _DATA_* dataAreaAt(int index) {
@@ -307,22 +252,11 @@ int dataAreaEntry(int station, const UnitRegister& r, int address) {
 void write_saveDataToArea(int station, QString reg, int address, int len, unsigned char* data) {
     UnitRegister r;
     if (!resolveUnitRegister(reg, r) || len <= 0 || !data) return;
-    switch (r.kind) {
-        case UNIT_WORD:
-            saveWords(station, r, address, len, data);
-            break;
-        case UNIT_DWORD:
-            saveDwords(station, r, address, len, data);
-            break;
-        case UNIT_BIT:
-            saveBits(station, r, address, len, data);
-            break;
-        case UNIT_BIT_IN_WORD:
-            saveBitsInWords(station, r, address, len, data);
-            break;
-        case UNIT_NONE:
-            break;
-    }
+    // A callback that re-initialises the driver ends this store.
+    const uint32_t epoch = driver.initEpoch;
+    int pendingCount = -1;
+    walkUnits(station, r, address, bufferUnits(r.kind, len),
+              [&](const UnitStep& u) { return saveUnit(r, u, data, epoch, pendingCount, address, len); });
 }
 
 void _wordDataChange(int* oldValue, int* newValue, int index, int skipBits) {

@@ -3,17 +3,13 @@
 #define KV3000_DATA_AREA_H
 
 #include "kv3000_records.h"
+#include "kv3000_traits.h"
 
 #include <QByteArray>
 #include <QList>
 #include <QString>
 
-enum UnitKind { UNIT_NONE = 0, UNIT_WORD, UNIT_DWORD, UNIT_BIT, UNIT_BIT_IN_WORD };
-
-// Unit kind of a catalogue register (UNIT_NONE for a name outside the catalogue).
-UnitKind unitKindOf(const QString& reg);
-// Register name up to its first "_" ("DM_bit" -> "DM").
-QString regKeyOf(const QString& reg);
+using kvreg::Unit;
 
 // Index of the entry (station, regKey, address), created when missing.
 int getIndexOfDataArea(int station, QString regKey, int address, QList<_DATA_>& list);
@@ -34,10 +30,6 @@ void reportUnitChange(int index);
 // The catalogue's names as shared strings, and name + "_bit" (0 <= keyIndex < 28).
 const QString& catalogueKeyName(int keyIndex);
 const QString& catalogueBitName(int keyIndex);
-// Row of the key of catalogue row `row` ("DM" for "DM_bit"), -1 outside the table.
-int catalogueKeyIndex(int row);
-// Whether the name of catalogue row `row` contains "_bit".
-bool catalogueBitView(int row);
 
 int _setBitValue(int value, int bit, int on);
 int uchar2int16(unsigned char b0, unsigned char b1);
@@ -49,12 +41,12 @@ enum { DATA_MAX_WORDS = 512, DATA_MAX_BITS = 1024 };
 
 // A register resolved once per operation, so unit loops need no name lookups.
 struct UnitRegister {
-    UnitKind kind = UNIT_NONE;
+    Unit kind = Unit::None;
     QString name;       // the name as given ("DM_bit")
     QString key;        // the entries' regKey ("DM")
     int keyIndex = -1;  // catalogue row of key
 };
-// False (and kind UNIT_NONE) for a name outside the catalogue.
+// False (and kind Unit::None) for a name outside the catalogue.
 bool resolveUnitRegister(const QString& reg, UnitRegister& out);
 // Index in driver.dataArea of (station, r.key, address), created when missing.
 int dataAreaEntry(int station, const UnitRegister& r, int address);
@@ -73,5 +65,45 @@ inline bool entryHasKey(const _DATA_& e, int station, const QString& key, int ad
 }
 // True when address .. address+count-1 stays inside int32 (count >= 1).
 bool unitRangeFits(int address, long long count);
+
+// The units a runtime length names inside one 1024-byte value buffer: one
+// per word or bit, one per two words of a 32-bit register. 0 when the
+// length is beyond the buffer.
+long long bufferUnits(Unit kind, int len);
+
+// One unit of a walk over a range: its entry, its position in the caller's
+// buffer, and for a bit in a word the byte (0, 1) and bit (0..7) of the
+// entry's value that hold it.
+struct UnitStep {
+    int entry;
+    int i;
+    int byte;
+    int bit;
+};
+
+// Visits the units address .. address + count - 1 of (station, r) in
+// ascending order; count is in units: bits for bit registers and bit views,
+// otherwise words or 32-bit values. Each entry is looked up, created when
+// missing, once (the bits of one word share it). A range that leaves the
+// int range, or a bit view at a negative address, visits nothing. visit
+// returns false to stop the walk.
+template <typename Visit>
+void walkUnits(int station, const UnitRegister& r, int address, long long count, Visit&& visit) {
+    if (!unitRangeFits(address, count)) return;
+    if (r.kind != Unit::BitInWord) {
+        for (int i = 0; i < count; ++i)
+            if (!visit(UnitStep{dataAreaEntry(station, r, address + i), i, 0, 0})) return;
+        return;
+    }
+    if (address < 0) return;
+    for (int i = 0, word = -1, entry = -1; i < count; ++i) {
+        const int b = address + i;
+        if (b / 16 != word) {
+            word = b / 16;
+            entry = dataAreaEntry(station, r, word);
+        }
+        if (!visit(UnitStep{entry, i, (b % 16) / 8, b % 8})) return;
+    }
+}
 
 #endif

@@ -15,14 +15,14 @@ constexpr int MULTI_COPY_MAX = 1 << 21;
 int intf_multiCopy(QString reg, int start, int count, int step, QVector<QString>& texts,
                    QVector<int>& addresses) {
     const int row = getIndexFromRegName(reg);
-    if (row < 0) return 0;
+    if (row < 0) return KV_COPY_UNKNOWN_REGISTER;
     const QString format = QString::fromLatin1(ADDRESS_RANGE_PRO[row][REG_COL_FORMAT]);
     const QString maxText = QString::fromLatin1(ADDRESS_RANGE_PRO[row][REG_COL_MAX]);
     int maxAddress = 0;
     a2i(maxText, maxAddress, format, reg);
     // More copies than the largest register has addresses can only repeat its
     // highest address; refusing them keeps a stray count from exhausting memory.
-    if (count > MULTI_COPY_MAX) return 2;
+    if (count > MULTI_COPY_MAX) return KV_COPY_CLIPPED;
     return multiCp(reg, format, start, count, step, texts, addresses, maxAddress, maxText);
 }
 
@@ -52,20 +52,20 @@ int multiCp(QString reg, QString format, int start, int count, int step, QVector
 
     // Outputs grow one copy at a time: a huge count costs only what is
     // actually appended. Addresses are formed in 64 bits and clipped.
-    int result = 1;
+    int result = KV_COPY_DONE;
     QString text;
     for (int64_t i = 0; i < count; ++i) {
         const int64_t a = int64_t(start) + i * stride;
         if (a > maxAddress) {
             addresses.append(maxAddress);
             texts.append(maxText);
-            result = 2;
+            result = KV_COPY_CLIPPED;
             continue;
         }
         const int address = int(a);
         if (wordBit) {
             text = addr_int2str(address, reg);
-            if (text.isEmpty()) return 2;
+            if (text.isEmpty()) return KV_COPY_CLIPPED;
         } else if (letter == QLatin1Char('D')) {
             text = QString::number(uint(address));
         } else if (letter == QLatin1Char('H')) {

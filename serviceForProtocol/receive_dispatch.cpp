@@ -6,6 +6,7 @@
 
 #include "kv_3000/response_check.h"
 #include "protocol.h"
+#include "serviceForProtocol/block_text.h"
 #include "serviceForProtocol/scheduler.h"
 #include "serviceForProtocol/value_parser.h"
 #include "serviceForProtocol/write_result.h"
@@ -17,26 +18,6 @@ namespace {
 bool sameItem(const VARIABLE& a, const VARIABLE& b) {
     return a.station == b.station && a.reg == b.reg && a.address == b.address && a.length == b.length;
 }
-
-// The write request a frame belongs to, copied out before anything calls back.
-struct Settlement {
-    int station;
-    QString reg;
-    int address;
-    int length;
-};
-
-Settlement settlementOf(const FRAME_PRO& f) {
-    return {f.station, f.reg, f.address, f.length};
-}
-
-void settle(const Settlement& s, int result) {
-    _write_FailOrSuc(s.station, s.reg, s.address, s.length, result);
-}
-
-}  // namespace
-
-namespace {
 
 // The text of the last frame described: a cyclic read block is described
 // again every time it comes round.
@@ -50,20 +31,6 @@ struct DescribedFrame {
 };
 DescribedFrame lastDescribed;
 
-void appendNumber(QString& text, long long v) {
-    char digits[24];
-    int n = 0;
-    const bool negative = v < 0;
-    unsigned long long u =
-        negative ? 0ull - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
-    do {
-        digits[n++] = static_cast<char>('0' + u % 10);
-        u /= 10;
-    } while (u != 0);
-    if (negative) text.append(QLatin1Char('-'));
-    while (n > 0) text.append(QLatin1Char(digits[--n]));
-}
-
 }  // namespace
 
 QString getErrorInfo(QByteArray) {
@@ -73,22 +40,7 @@ QString getErrorInfo(QByteArray) {
     if (last.valid && last.station == head.station && last.address == head.address &&
         last.length == head.length && last.reg == head.reg)
         return last.text;
-    // "%1#%2(%3)" with the address as "%1%2.%3" (word.bit) or "%1%2".
-    QString text;
-    text.reserve(head.reg.size() + 32);
-    appendNumber(text, head.station);
-    text.append(QLatin1Char('#'));
-    text.append(head.reg);
-    if (head.reg.endsWith(QLatin1String("_bit")) || head.reg == QLatin1String("R")) {
-        appendNumber(text, head.address / 16);
-        text.append(QLatin1Char('.'));
-        appendNumber(text, head.address % 16);
-    } else {
-        appendNumber(text, head.address);
-    }
-    text.append(QLatin1Char('('));
-    appendNumber(text, head.length);
-    text.append(QLatin1Char(')'));
+    const QString text = blockText(head.station, head.reg, head.address, head.length);
     last.valid = true;
     last.station = head.station;
     last.reg = head.reg;
@@ -109,12 +61,12 @@ int dealReadFrameReturnSaveData(QByteArray reply) {
 
 void dealListWhenFinish() {
     switch (driver.state) {
-        case 2: {
+        case STATE_WRITE: {
             std::lock_guard<std::mutex> lock(driver.mutex);
             if (!driver.writeList.isEmpty()) driver.writeList.removeFirst();
             break;
         }
-        case 3: {
+        case STATE_CONDITION_READ: {
             if (driver.conditionReadList.isEmpty()) break;
             const bool wasLast = sameItem(driver.conditionReadList.first(), driver.lastConditionVar);
             // The list is settled before the runtime hears of it, so that a
@@ -126,13 +78,13 @@ void dealListWhenFinish() {
             if (wasLast) reportConditionReadEnd(driver.commError == 1);
             break;
         }
-        case 4:
+        case STATE_CYCLIC_READ:
             // A list rebuilt while this block was on the wire starts from its own head.
             if (driver.servedReadListEpoch == driver.readListEpoch && driver.readList.size() >= 2)
                 driver.readList.move(0, driver.readList.size() - 1);
             break;
-        case 5:
-        case 6:
+        case STATE_RECIPE_WRITE:
+        case STATE_RECIPE_READ:
             if (driver.commError == 0) {
                 ++driver.rcpFrameIndex;
                 if (driver.rcpFrameIndex < driver.rcpBlockList.size()) break;
@@ -148,7 +100,7 @@ int intf_dealRcvFrame(QByteArray* reply, QString* message) {
     std::lock_guard<std::recursive_mutex> serial(driver.serial);
     if (driver.frameList.isEmpty()) {
         if (message) *message = QString();
-        return 0;
+        return KV_DEAL_IDLE;
     }
 
     const QByteArray bytes = reply ? *reply : QByteArray();
@@ -165,28 +117,33 @@ int intf_dealRcvFrame(QByteArray* reply, QString* message) {
         driver.commError = 0;
         if (check == 1) {
             dealReadFrameReturnSaveData(bytes);
-            if (interrupted()) return 1;
-        } else if (driver.state == 2 && driver.frameList.size() == 1) {
+            if (interrupted()) return KV_DEAL_ACCEPTED;
+        } else if (driver.state == STATE_WRITE && driver.frameList.size() == 1) {
             // The last frame of a write answered: the whole request succeeded.
-            settle(settlementOf(driver.frameList.constFirst()), 1);
-            if (interrupted()) return 1;
+            const FRAME_PRO& head = driver.frameList.constFirst();
+            _write_FailOrSuc(head.station, QString(head.reg), head.address, head.length, 1);
+            if (interrupted()) return KV_DEAL_ACCEPTED;
         }
         driver.frameList.removeFirst();
         if (driver.frameList.isEmpty()) dealListWhenFinish();
         driver.retryCount = 0;
-        return 1;
+        return KV_DEAL_ACCEPTED;
     }
 
     ++driver.retryCount;
-    if (driver.retryCount < driver.retryTimes) return 8;
+    if (driver.retryCount < driver.retryTimes) return KV_DEAL_RETRY;
 
     driver.commError = 1;
-    if (driver.state == 2) {
-        settle(settlementOf(driver.frameList.constFirst()), 0);
-        if (driver.initEpoch != epoch) return 2;
+    if (driver.state == STATE_WRITE) {
+        // Copied: the reports of a failed write may call back into the driver.
+        const FRAME_PRO& head = driver.frameList.constFirst();
+        const QString reg = head.reg;
+        failWrite(head.station, reg, head.address, head.length,
+                  QStringLiteral("no valid reply after %1 attempts").arg(driver.retryCount));
+        if (driver.initEpoch != epoch) return KV_DEAL_ABANDONED;
     }
     driver.frameList.clear();
     driver.retryCount = 0;
     dealListWhenFinish();
-    return 2;
+    return KV_DEAL_ABANDONED;
 }

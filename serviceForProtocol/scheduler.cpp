@@ -3,6 +3,7 @@
 // transfer, write, condition read, cyclic read) and has it framed.
 #include "serviceForProtocol/scheduler.h"
 #include "kv3000_catalogue.h"
+#include "kv3000_traits.h"
 #include "kv3000_wire.h"
 #include "kv_3000/frame_builder.h"
 #include "protocol.h"
@@ -52,7 +53,7 @@ int copyHead(FRAME_PRO* out) {
 
 void endRecipeRequest(int state) {
     driver.rcpFrameIndex = 0;
-    const int position = state == 5 ? kvwire::SHM_RECIPE_WRITE : kvwire::SHM_RECIPE_READ;
+    const int position = state == STATE_RECIPE_WRITE ? kvwire::SHM_RECIPE_WRITE : kvwire::SHM_RECIPE_READ;
     if (!driver.shareMemory) return;
     QMutexLocker lock(driver.shareMutex);
     __atomic_store_n(driver.shareMemory + position, static_cast<unsigned char>(0), __ATOMIC_RELEASE);
@@ -79,12 +80,12 @@ int intf_getSendFrame(FRAME_PRO* out) {
         const int blocks = driver.rcpBlockList.size();
 
         if (driver.handShakeFlag) {
-            driver.state = 1;
+            driver.state = STATE_HANDSHAKE;
             handShakeFrame();
             break;
         }
         if (w == 1 || (r == 1 && w != 1)) {
-            const int wanted = w == 1 ? 5 : 6;
+            const int wanted = w == 1 ? STATE_RECIPE_WRITE : STATE_RECIPE_READ;
             if (driver.rcpFrameIndex < 0 || driver.rcpFrameIndex >= blocks) {
                 // Nothing (left) to transfer: the request ends here, and the
                 // previous transaction is not repeated.
@@ -92,16 +93,16 @@ int intf_getSendFrame(FRAME_PRO* out) {
                 continue;
             }
             const QString& blockReg = driver.rcpBlockList.at(driver.rcpFrameIndex).reg;
-            if (wanted == 5 && (blockReg == QLatin1String("T") || blockReg == QLatin1String("C"))) {
+            if (wanted == STATE_RECIPE_WRITE && kvreg::traits(getIndexFromRegName(blockReg)).readOnly) {
                 // Contacts cannot be written: a download passes over them.
                 if (++driver.rcpFrameIndex >= blocks) endRecipeRequest(wanted);
                 continue;
             }
             driver.state = wanted;
             rcpAddrToVar(driver.rcpBlockList.at(driver.rcpFrameIndex), driver.currentVar,
-                         wanted == 5 ? 1 : 0);
+                         wanted == STATE_RECIPE_WRITE ? 1 : 0);
             driver.readFrameCount = 1;
-            if (wanted == 5)
+            if (wanted == STATE_RECIPE_WRITE)
                 getWriteFrame(driver.currentVar);
             else
                 driver.readFrameCount = buildRead();
@@ -122,7 +123,7 @@ int intf_getSendFrame(FRAME_PRO* out) {
             }
         }
         if (haveWrite) {
-            driver.state = 2;
+            driver.state = STATE_WRITE;
             driver.readFrameCount = 1;
             getWriteFrame(driver.currentVar);
             if (!driver.frameList.isEmpty()) {
@@ -136,14 +137,15 @@ int intf_getSendFrame(FRAME_PRO* out) {
                 if (!driver.writeList.isEmpty() && sameItem(driver.writeList.first(), driver.currentVar))
                     driver.writeList.removeFirst();
             }
-            const VARIABLE dropped = driver.currentVar;
-            _write_FailOrSuc(dropped.station, dropped.reg, dropped.address, dropped.length, 0);
+            const VARIABLE& dropped = driver.currentVar;
+            failWrite(dropped.station, QString(dropped.reg), dropped.address, dropped.length,
+                      QStringLiteral("no frame can carry it"));
             continue;
         }
 
         if (!driver.conditionReadList.isEmpty() && driver.sendCount <= 2) {
             assignRecord(driver.currentVar, driver.conditionReadList.constFirst());
-            driver.state = 3;
+            driver.state = STATE_CONDITION_READ;
             driver.readFrameCount = buildRead();
             if (!driver.frameList.isEmpty()) {
                 ++driver.sendCount;
@@ -157,7 +159,7 @@ int intf_getSendFrame(FRAME_PRO* out) {
 
         if (!driver.readList.isEmpty() && unframeableBlocks < driver.readList.size()) {
             assignRecord(driver.currentVar, driver.readList.constFirst());
-            driver.state = 4;
+            driver.state = STATE_CYCLIC_READ;
             driver.sendCount = 0;
             buildRead();
             driver.readFrameCount = 1;
@@ -169,7 +171,7 @@ int intf_getSendFrame(FRAME_PRO* out) {
         }
 
         driver.sendCount = 0;
-        driver.state = 0;
+        driver.state = STATE_IDLE;
         driver.frameList.clear();
         return 0;
     }

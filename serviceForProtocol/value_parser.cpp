@@ -13,6 +13,7 @@
 #include "serviceForProtocol/value_parser.h"
 
 #include "kv3000_catalogue.h"
+#include "kv3000_traits.h"
 #include "kv3000_wire.h"
 #include "kv_3000/frame_builder.h"
 #include "protocol.h"
@@ -25,18 +26,6 @@
 
 namespace {
 
-// Catalogue rows the layouts depend on (the name equals the row's name).
-enum { ROW_T = 5, ROW_C = 6, ROW_TC = 22, ROW_TS = 23, ROW_CC = 24, ROW_CS = 25 };
-constexpr bool rowIs(int index, const char* name) {
-    const char* entry = REG_LIST[index];
-    int k = 0;
-    while (entry[k] != '\0' && entry[k] == name[k]) ++k;
-    return entry[k] == name[k];
-}
-static_assert(rowIs(ROW_T, "T") && rowIs(ROW_C, "C") && rowIs(ROW_TC, "TC") && rowIs(ROW_TS, "TS") &&
-                  rowIs(ROW_CC, "CC") && rowIs(ROW_CS, "CS"),
-              "catalogue rows");
-
 struct Reply {
     const unsigned char* bytes;
     long long size;
@@ -44,6 +33,12 @@ struct Reply {
     unsigned char operator[](long long k) const {
         const long long p = offset + k;
         return (p >= 0 && p < size) ? bytes[p] : 0;
+    }
+    // The timer record of element i, bytes missing at the end counting 0.
+    kvwire::TimerRecord timerRecord(long long i) const {
+        uint8_t record[kvwire::TC_RECORD_LEN];
+        for (int b = 0; b < kvwire::TC_RECORD_LEN; ++b) record[b] = (*this)[kvwire::TC_RECORD_LEN * i + b];
+        return kvwire::readTimerRecord(record);
     }
 };
 
@@ -55,7 +50,7 @@ struct RecipeRange {
 
 RecipeRange recipeRange() {
     RecipeRange r;
-    if (driver.state != 6) return r;
+    if (driver.state != STATE_RECIPE_READ) return r;
     const int blocks = driver.rcpFirstIndex.size();
     const int b = driver.rcpFrameIndex;
     const int entries = driver.rcpVarList.size();
@@ -174,7 +169,7 @@ class BlockUnits {
 public:
     BlockUnits(int station, int row, int keyIndex, long long base, int count)
         : station_(station), keyIndex_(keyIndex), key_(catalogueKeyName(keyIndex)) {
-        if (driver.state != 4) return;
+        if (driver.state != STATE_CYCLIC_READ) return;
         list_ = &blockUnits[BlockKey{station, row, base, count}];
         generation_ = blockUnitsGeneration;
         if (list_->capacity() < size_t(count)) list_->reserve(size_t(count));
@@ -188,7 +183,7 @@ public:
                 return pos;
         }
         UnitRegister unit;
-        unit.kind = UNIT_WORD;
+        unit.kind = Unit::Word;
         unit.key = key_;
         unit.keyIndex = keyIndex_;
         const int pos = dataAreaEntry(station_, unit, address);
@@ -223,24 +218,25 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
 
 int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedBlock& var) {
     const int index = getIndexFromRegName(var.reg);
+    const kvreg::Traits& t = kvreg::traits(index);
     if (index < 0 || count <= 0) return 0;
     const Reply d{reinterpret_cast<const unsigned char*>(reply.constData()), reply.size(), offset};
     const RecipeRange recipe = recipeRange();
     // A copy: the change callback may register another recipe under us.
     const QVector<_RCP_VAR_PRO> recipeEntries = driver.rcpVarList;
-    const int transfer = regTransferBits(index);
     const int station = var.station;
     const uint32_t epoch = driver.initEpoch;
     auto interrupted = [epoch] { return driver.initEpoch != epoch; };
 
-    if (transfer == 1) {
-        const bool contacts = index == ROW_T || index == ROW_C;
+    if (t.transferBits == 1) {
+        const bool contacts = t.kind == kvreg::Kind::Contact;
         BlockUnits units(station, index, index, var.address, count);
         for (int i = 0; i < count; ++i) {
             int address;
             if (!unitAddress(var.address, i, address)) break;
-            const unsigned char bit =
-                contacts ? (d[9LL * i] >> 7) & 1 : (d[(i % 16) < 8 ? i / 8 + 1 : i / 8 - 1] >> (i % 8)) & 1;
+            // Relay bits come 16 to a word, high byte first.
+            const unsigned char bit = contacts ? d.timerRecord(i).contact
+                                               : (d[(i % 16) < 8 ? i / 8 + 1 : i / 8 - 1] >> (i % 8)) & 1;
             const int at = units.at(i, address);
             if (driver.dataArea[at].readValue[0] != bit) {
                 driver.dataArea[at].writeValid = 0;
@@ -264,12 +260,11 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
         return 0;
     }
 
-    const int keyIndex = catalogueKeyIndex(index);
-    if (keyIndex < 0) return 0;
-    const bool bitName = catalogueBitView(index);
+    const int keyIndex = t.keyRow;
+    const bool bitName = t.kind == kvreg::Kind::BitInWord;
 
-    if (transfer == 16) {
-        if (bitName && (driver.state == 2 || driver.state == 5)) {
+    if (t.transferBits == 16) {
+        if (bitName && (driver.state == STATE_WRITE || driver.state == STATE_RECIPE_WRITE)) {
             patchBitWrite(d, count, var);
             return 0;
         }
@@ -330,12 +325,11 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
         return 0;
     }
 
-    if (transfer != 32) return 0;
-    const bool current = index == ROW_TC || index == ROW_CC;
-    const bool set = index == ROW_TS || index == ROW_CS;
+    if (t.transferBits != 32) return 0;
     auto valueAt = [&](long long i) -> uint32_t {
-        const long long p = current ? 9 * i + 1 : set ? 9 * i + 5 : 4 * i;
-        return (uint32_t(d[p]) << 24) | (uint32_t(d[p + 1]) << 16) | (uint32_t(d[p + 2]) << 8) | d[p + 3];
+        if (t.kind == kvreg::Kind::TimerValue) return kvwire::timerField(d.timerRecord(i), t.field);
+        return (uint32_t(d[4 * i]) << 24) | (uint32_t(d[4 * i + 1]) << 16) | (uint32_t(d[4 * i + 2]) << 8) |
+               d[4 * i + 3];
     };
     BlockUnits units(station, index, keyIndex, var.address, count);
     for (int i = 0; i < count; ++i) {
@@ -355,10 +349,10 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
         for (int b = 0; b < 4; ++b)
             driver.dataArea[at].readValue[b] = static_cast<unsigned char>(v >> (8 * b));
     }
-    // Every value of a 32-bit entry: length / 2 values (at least one), two buffer words each.
+    // Every value of a 32-bit entry: length / 2 values, two buffer words each.
     for (int k = recipe.first; k < recipe.last; ++k) {
         const _RCP_VAR_PRO e = recipeEntries.at(k);
-        const long long values = std::max(1, e.length / 2);
+        const long long values = e.length / 2;
         const Span span = elementsWithin(e.address, values, var.address, var.address + 0LL + count);
         for (long long j = span.begin; j < span.end; ++j) {
             const uint32_t v = valueAt(static_cast<long long>(e.address) + j - var.address);

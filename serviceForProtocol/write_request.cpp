@@ -3,6 +3,7 @@
 #include "serviceForProtocol/write_request.h"
 
 #include "kv3000_catalogue.h"
+#include "kv3000_traits.h"
 #include "kv3000_wire.h"
 #include "protocol.h"
 #include "serviceForProtocol/data_area.h"
@@ -50,14 +51,9 @@ bool queueWrite(const VARIABLE& item, VARIABLE& lost) {
 
 void queueAndReport(const VARIABLE& item) {
     VARIABLE lost;
-    if (queueWrite(item, lost)) {
-        qWarning().noquote() << QStringLiteral(
-                                    "kv_3000: write queue full (%1 items): write %2#%3%4(%5) dropped")
-                                    .arg(QString::number(MAX_QUEUED), QString::number(lost.station), lost.reg,
-                                         QString::number(lost.address), QString::number(lost.length));
-        // Never to be written: the screen falls back to the read value.
-        _write_FailOrSuc(lost.station, lost.reg, lost.address, lost.length, 0);
-    }
+    if (queueWrite(item, lost))
+        failWrite(lost.station, lost.reg, lost.address, lost.length,
+                  QStringLiteral("dropped from the full write queue (%1 items)").arg(MAX_QUEUED));
 }
 
 void refuse(int station, const QString& reg, int address, int length, const char* why) {
@@ -74,7 +70,7 @@ void groupingKey(KEY_ADDRESS& key, int maxLength, QList<KEY_ADDRESS>& out, int c
         out.append(key);
         return;
     }
-    const int bytesPerElement = regElementBits(getIndexFromRegName(key.reg)) == 1 ? 1 : 2;
+    const int bytesPerElement = kvreg::traits(getIndexFromRegName(key.reg)).countsBits() ? 1 : 2;
     const int whole = n / maxLength;
     const int rest = n % maxLength;
     const int pieces = whole + (rest ? 1 : 0);
@@ -101,14 +97,14 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
         return 1;
     }
     const QString reg = *regPtr;
-    const int index = getIndexFromRegName(reg);
-    if (index < 0) {
+    const kvreg::Traits& t = kvreg::traits(getIndexFromRegName(reg));
+    if (t.kind == kvreg::Kind::None) {
         refuse(station, reg, address, length, "unknown register");
         return 1;
     }
-    const int elementBits = regElementBits(index);
-    const int transfer = regTransferBits(index);
-    const int bytesPerElement = elementBits == 1 ? 1 : 2;
+    const bool bits = t.countsBits();
+    const int transfer = t.transferBits;
+    const int bytesPerElement = bits ? 1 : 2;
     if (!data) {
         refuse(station, reg, address, length, "no data");
         return 1;
@@ -122,19 +118,19 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
         return 1;
     }
 
-    const bool readOnly = reg == QLatin1String("T") || reg == QLatin1String("C");
+    const bool readOnly = t.readOnly;
     const uint32_t epoch = driver.initEpoch;
     if (!driver.localWriteOnly && !readOnly) {
         // Qt would drop disabled debug lines anyway; this saves formatting them.
         const QLoggingCategory* category = QLoggingCategory::defaultCategory();
         const bool debug = category == nullptr || category->isDebugEnabled();
-        int limit = elementBits == 1 ? driver.maxBitBlockLength : driver.maxBlockLength;
+        int limit = bits ? driver.maxBitBlockLength : driver.maxBlockLength;
         if (limit <= 0) {
             refuse(station, reg, address, length, "block length parameter is 0");
             return 1;
         }
         // One piece never exceeds one write frame; 32-bit pieces hold whole double words.
-        if (transfer == 16 && elementBits == 16) limit = std::min(limit, int(kvwire::MAX_WRITE_WORDS));
+        if (t.kind == kvreg::Kind::Word) limit = std::min(limit, int(kvwire::MAX_WRITE_WORDS));
         if (transfer == 32) limit = std::max(2, std::min(limit, 2 * kvwire::MAX_WRITE_DWORDS) & ~1);
 
         KEY_ADDRESS key;
@@ -142,10 +138,10 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
         key.reg = reg;
         key.address = address;
         key.length = length;
-        key.dataType = elementBits == 1 ? -1 : 0;
+        key.dataType = bits ? -1 : 0;
         std::memcpy(key.values, data, static_cast<size_t>(length) * bytesPerElement);
 
-        if (transfer == 1) {
+        if (t.kind == kvreg::Kind::RelayBit) {
             // R and B are written one bit per frame.
             for (int i = 0; i < length; ++i) {
                 VARIABLE item;
@@ -171,8 +167,7 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
                 item.station = station;
                 item.reg = reg;
                 item.address = piece.address - reduced;
-                item.length =
-                    elementBits == 1 ? piece.length : static_cast<int>(piece.length * (16.0 / transfer));
+                item.length = bits ? piece.length : static_cast<int>(piece.length * (16.0 / transfer));
                 reduced += piece.length - item.length;
                 std::memcpy(item.data, piece.values, sizeof item.data);
                 if (debug)
@@ -188,7 +183,7 @@ int intf_setData(int station, QString* regPtr, int address, int length, unsigned
     if (readOnly && !driver.localWriteOnly) {
         // The controller's contacts cannot be written: the value just shown
         // is withdrawn at once, and the screen is told.
-        _write_FailOrSuc(station, reg, address, length, 0);
+        failWrite(station, reg, address, length, QStringLiteral("the register is read-only"));
     }
     return 1;
 }

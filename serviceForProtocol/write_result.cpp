@@ -2,79 +2,69 @@
 #include "serviceForProtocol/write_result.h"
 
 #include "protocol.h"
+#include "serviceForProtocol/block_text.h"
 #include "serviceForProtocol/data_area.h"
+
+#include <QDebug>
+
+#include <cstring>
 
 namespace {
 
-void settleWords(int station, const UnitRegister& r, int address, int len, bool ok) {
-    if (len > DATA_MAX_WORDS || !unitRangeFits(address, len)) return;
-    for (int i = 0; i < len; ++i) {
-        const int idx = dataAreaEntry(station, r, address + i);
-        _DATA_* e = dataAreaAt(idx);
-        e->writeValid = 0;
-        if (ok) {
-            e->readValue[0] = e->writeValue[0];
-            e->readValue[1] = e->writeValue[1];
-            continue;
+// Settles one unit: success makes the written value the read one; a failure
+// lets the screen fall back from the written to the read value.
+void settleUnit(const UnitRegister& r, const UnitStep& u, int address, bool ok) {
+    _DATA_& e = driver.dataArea[u.entry];
+    switch (r.kind) {
+        case Unit::Word:
+            e.writeValid = 0;
+            if (ok) {
+                std::memcpy(e.readValue, e.writeValue, 2);
+            } else {
+                int written = uchar2int16(e.writeValue[0], e.writeValue[1]);
+                int read = uchar2int16(e.readValue[0], e.readValue[1]);
+                _wordDataChange(&written, &read, u.entry, 0);
+            }
+            break;
+        case Unit::DWord:
+            e.writeValid = 0;
+            if (ok)
+                std::memcpy(e.readValue, e.writeValue, 4);
+            else
+                _dwordDataChange(nullptr, nullptr, u.entry, 0);
+            break;
+        case Unit::Bit:
+            e.writeValid = 0;
+            if (ok)
+                e.readValue[0] = e.writeValue[0];
+            else
+                reportValueChange(e.station, r.name, address + u.i);
+            break;
+        case Unit::BitInWord: {
+            // Two flags per bit count up to two overlapping writes of it.
+            const int q = 2 * (8 * u.byte + u.bit);
+            const int release = ((e.bitWriteFlags >> q) & 1u) ? q : q + 1;
+            e.bitWriteFlags = static_cast<uint32_t>(_setBitValue(int(e.bitWriteFlags), release, 0));
+            if (e.bitWriteFlags == 0) e.writeValid = 0;
+            if (ok) {
+                const int bit = (e.writeValue[u.byte] >> u.bit) & 1;
+                e.readValue[u.byte] =
+                    static_cast<unsigned char>(_setBitValue(e.readValue[u.byte], u.bit, bit));
+            }
+            if (e.writeValid == 0) _wordDataChange(nullptr, nullptr, u.entry, 0);
+            break;
         }
-        // The screen falls back from the written to the read value.
-        int written = uchar2int16(e->writeValue[0], e->writeValue[1]);
-        int read = uchar2int16(e->readValue[0], e->readValue[1]);
-        _wordDataChange(&written, &read, idx, 0);
+        case Unit::None:
+            break;
     }
 }
 
-void settleDwords(int station, const UnitRegister& r, int address, int len, bool ok) {
-    if (len > DATA_MAX_WORDS / 2 || !unitRangeFits(address, len)) return;
-    for (int i = 0; i < len; ++i) {
-        const int idx = dataAreaEntry(station, r, address + i);
-        _DATA_* e = dataAreaAt(idx);
-        e->writeValid = 0;
-        if (ok) {
-            for (int b = 0; b < 4; ++b) e->readValue[b] = e->writeValue[b];
-        } else {
-            _dwordDataChange(nullptr, nullptr, idx, 0);
-        }
-    }
-}
-
-void settleBits(int station, const UnitRegister& r, int address, int len, bool ok) {
-    if (len > DATA_MAX_BITS || !unitRangeFits(address, len)) return;
-    for (int i = 0; i < len; ++i) {
-        _DATA_* e = dataAreaAt(dataAreaEntry(station, r, address + i));
-        e->writeValid = 0;
-        if (ok)
-            e->readValue[0] = e->writeValue[0];
-        else
-            reportValueChange(station, r.name, address + i);
-    }
-}
-
-void settleBitsInWords(int station, const UnitRegister& r, int address, int len, bool ok) {
-    if (len > DATA_MAX_BITS || address < 0 || !unitRangeFits(address, len)) return;
-    for (int i = 0; i < len; ++i) {
-        const int b = address + i;
-        const int p = b % 16;
-        const int k = p / 8;
-        const int j = b % 8;
-        const int idx = dataAreaEntry(station, r, b / 16);
-        _DATA_* e = dataAreaAt(idx);
-        // Two flags per bit count up to two overlapping writes of it.
-        const int q = 2 * p;
-        const int release = ((e->bitWriteFlags >> q) & 1u) ? q : q + 1;
-        e->bitWriteFlags = static_cast<uint32_t>(_setBitValue(int(e->bitWriteFlags), release, 0));
-        if (e->bitWriteFlags == 0) e->writeValid = 0;
-        if (ok) {
-            const int bit = (e->writeValue[k] >> j) & 1;
-            e->readValue[k] = static_cast<unsigned char>(_setBitValue(e->readValue[k], j, bit));
-        }
-        if (e->writeValid == 0) _wordDataChange(nullptr, nullptr, idx, 0);
-    }
-}
-
-void setMonitorFlag(int index) {
-    _DATA_* e = dataAreaAt(index);
-    e->monitorFlags = static_cast<uint32_t>(_setBitValue(int(e->monitorFlags), 0, 1));
+// The most units one write request settles: its values came in one 1024-byte buffer.
+long long requestUnits(Unit kind, int len) {
+    const long long limit = kind == Unit::DWord  ? DATA_MAX_WORDS / 2
+                            : kind == Unit::Word ? DATA_MAX_WORDS
+                                                 : DATA_MAX_BITS;
+    return len <= limit ? len : 0;
 }
 
 }  // namespace
@@ -83,22 +73,18 @@ void _write_FailOrSuc(int station, QString reg, int address, int len, int result
     UnitRegister r;
     if (!resolveUnitRegister(reg, r) || len <= 0) return;
     const bool ok = result == 1;
-    switch (r.kind) {
-        case UNIT_WORD:
-            settleWords(station, r, address, len, ok);
-            break;
-        case UNIT_DWORD:
-            settleDwords(station, r, address, len, ok);
-            break;
-        case UNIT_BIT:
-            settleBits(station, r, address, len, ok);
-            break;
-        case UNIT_BIT_IN_WORD:
-            settleBitsInWords(station, r, address, len, ok);
-            break;
-        case UNIT_NONE:
-            break;
-    }
+    // A report that re-initialises the driver ends the settling.
+    const uint32_t epoch = driver.initEpoch;
+    walkUnits(station, r, address, requestUnits(r.kind, len), [&](const UnitStep& u) {
+        settleUnit(r, u, address, ok);
+        return driver.initEpoch == epoch;
+    });
+}
+
+void failWrite(int station, const QString& reg, int address, int length, const QString& why) {
+    qWarning().noquote()
+        << QStringLiteral("kv_3000: write %1 failed: %2").arg(blockText(station, reg, address, length), why);
+    _write_FailOrSuc(station, reg, address, length, 0);
 }
 
 // A monitored key has no buffer behind it: it may span a whole register
@@ -107,37 +93,15 @@ enum { MONITOR_MAX_UNITS = 1 << 21 };
 
 int _setDataAreaMonitorFlag(int station, QString reg, int address, int len) {
     UnitRegister r;
-    if (!resolveUnitRegister(reg, r) || len <= 0) return 0;
-    switch (r.kind) {
-        case UNIT_WORD:
-            if (len > MONITOR_MAX_UNITS || !unitRangeFits(address, len)) break;
-            for (int i = 0; i < len; ++i) setMonitorFlag(dataAreaEntry(station, r, address + i));
-            break;
-        case UNIT_DWORD: {
-            const int units = len / 2;
-            if (len > MONITOR_MAX_UNITS || units == 0 || !unitRangeFits(address, units)) break;
-            for (int i = 0; i < units; ++i) setMonitorFlag(dataAreaEntry(station, r, address + i));
-            break;
-        }
-        case UNIT_BIT:
-            if (len > MONITOR_MAX_UNITS || !unitRangeFits(address, len)) break;
-            for (int i = 0; i < len; ++i) setMonitorFlag(dataAreaEntry(station, r, address + i));
-            break;
-        case UNIT_BIT_IN_WORD:
-            if (len > MONITOR_MAX_UNITS || address < 0 || !unitRangeFits(address, len)) break;
-            // Bits of one word share its entry: looked up once per word.
-            for (int i = 0, word = -1, idx = -1; i < len; ++i) {
-                const int b = address + i;
-                if (b / 16 != word) {
-                    word = b / 16;
-                    idx = dataAreaEntry(station, r, word);
-                }
-                _DATA_* e = dataAreaAt(idx);
-                e->monitorBits = static_cast<uint32_t>(_setBitValue(int(e->monitorBits), b % 16, 1));
-            }
-            break;
-        case UNIT_NONE:
-            break;
-    }
+    if (!resolveUnitRegister(reg, r) || len <= 0 || len > MONITOR_MAX_UNITS) return 0;
+    const long long units = r.kind == Unit::DWord ? len / 2 : len;
+    walkUnits(station, r, address, units, [&](const UnitStep& u) {
+        _DATA_& e = driver.dataArea[u.entry];
+        if (r.kind == Unit::BitInWord)
+            e.monitorBits = static_cast<uint32_t>(_setBitValue(int(e.monitorBits), 8 * u.byte + u.bit, 1));
+        else
+            e.monitorFlags = static_cast<uint32_t>(_setBitValue(int(e.monitorFlags), 0, 1));
+        return true;
+    });
     return 0;
 }

@@ -1,7 +1,7 @@
 // Condition reads: pieces, unit conversion, the queueing rule and the end report.
-#include "kv_responder.h"
 #include "records.h"
 #include "runtime_fixture.h"
+#include "sim_plc.h"
 
 #include <climits>
 
@@ -82,9 +82,9 @@ TEST_F(ConditionReads, RelayLengthWhoseBitCountLeavesIntIsRefused) {
 }
 
 TEST_F(ConditionReads, OnlyTheLastRequestIsReportedWithItsOutcome) {
-    KvResponder plc;
+    SimPlc plc;
     runLoop(plc, 5);
-    plc.setWord(6, 2, 42);
+    plc.set("DM", 2, 42);
     intf_addConditionRead(key("DM", 1, 1), 1);
     intf_addConditionRead(key("DM", 2, 1), 2);
     runLoop(plc, 1);

@@ -35,16 +35,10 @@ TEST(DataAreaHelpers, ValuesAndUnitKinds) {
     for (const auto& h : hex)
         EXPECT_EQ(asc2hex(h.text, h.pos), h.value) << h.text.constData() << " " << h.pos;
 
-    for (const char* n : {"DM", "TM", "CM", "EM", "FM", "MR", "LR", "CR", "W", "ZF"})
-        EXPECT_EQ(unitKindOf(n), UNIT_WORD) << n;
-    for (const char* n : {"TC", "TS", "CC", "CS", "Z", "TRM"}) EXPECT_EQ(unitKindOf(n), UNIT_DWORD) << n;
-    for (const char* n : {"R", "B", "T", "C"}) EXPECT_EQ(unitKindOf(n), UNIT_BIT) << n;
-    for (const char* n : {"MR_bit", "LR_bit", "CR_bit", "DM_bit", "TM_bit", "CM_bit", "EM_bit", "FM_bit"})
-        EXPECT_EQ(unitKindOf(n), UNIT_BIT_IN_WORD) << n;
-    for (const char* n : {"dm", "", "DM_", "DM_BIT", "XX"}) EXPECT_EQ(unitKindOf(n), UNIT_NONE) << n;
-    EXPECT_EQ(regKeyOf("DM_bit"), "DM");
-    EXPECT_EQ(regKeyOf("TRM"), "TRM");
-    EXPECT_EQ(regKeyOf("_x"), "");
+    UnitRegister r;
+    for (const char* n : {"dm", "", "DM_", "DM_BIT", "XX"}) EXPECT_FALSE(resolveUnitRegister(n, r)) << n;
+    ASSERT_TRUE(resolveUnitRegister("DM_bit", r));
+    EXPECT_EQ(r.key, "DM");
 }
 
 TEST_F(DataArea, LookupCreatesZeroEntriesWithStableIndexes) {

@@ -2,8 +2,8 @@
 // positions must never put a value into the wrong unit: not after the data
 // area was emptied, not after the read list was rebuilt, and not when the
 // list was changed behind the driver's back.
-#include "kv_responder.h"
 #include "runtime_fixture.h"
+#include "sim_plc.h"
 
 #include <QList>
 
@@ -34,7 +34,7 @@ protected:
         intf_addrMerge(keys);
     }
     void setWords(int address, int count, int seed) {
-        for (int i = 0; i < count; ++i) plc.setWord(6, address + i, uint16_t(seed + i));
+        for (int i = 0; i < count; ++i) plc.set("DM", address + i, uint16_t(seed + i));
     }
     // One cyclic read answered by the controller stand-in.
     void readOnce() {
@@ -59,7 +59,7 @@ protected:
         for (const CallbackRecord& c : calls()) n += c.name == QLatin1String(name);
         return n;
     }
-    KvResponder plc;
+    SimPlc plc;
 };
 
 TEST_F(ReadBlockCache, RepeatedReadsReportEveryChangeOfEveryWord) {

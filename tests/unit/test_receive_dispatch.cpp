@@ -1,8 +1,8 @@
 // The receive path: acceptance, retries and abandonment, message texts, and
 // the bookkeeping at the end of each kind of transaction.
-#include "kv_responder.h"
 #include "records.h"
 #include "runtime_fixture.h"
+#include "sim_plc.h"
 
 #include <QByteArray>
 
@@ -32,7 +32,7 @@ protected:
         driver.readList.append(makeItem(reg, address, length));
         driver.readList.last().id = 4;
     }
-    KvResponder plc;
+    SimPlc plc;
 };
 
 TEST_F(Receive, NothingOutstanding) {
@@ -155,7 +155,7 @@ protected:
         QVector<_RCP_VAR_PRO> entries;
         for (int i = 0; i < 3; ++i) {
             entries.append(makeEntry("DM", 100 * (i + 1), 1, i));
-            plc.setWord(6, 100 * (i + 1), static_cast<uint16_t>(0x100 + i));
+            plc.set("DM", 100 * (i + 1), static_cast<uint16_t>(0x100 + i));
         }
         ASSERT_EQ(intf_setRcpAddress(entries), 3);
         requestRecipeRead(true);
@@ -216,10 +216,10 @@ TEST_F(Receive, PollingReportsAChangeInTheController) {
     intf_addrMerge(keys);
     runLoop(plc, 8);
     calls().clear();
-    plc.setWord(6, 100, 4321);
-    plc.setBit(0, 37, true);
-    plc.timer(2, 5).current = 123456;
-    plc.setWord(17, 10, 1 << 5);
+    plc.set("DM", 100, 4321);
+    plc.set("R", 37, true);
+    plc.set("TC", 5, 123456);
+    plc.set("MR", 10, 1 << 5);
     runLoop(plc, 4);
     std::vector<CallbackRecord> expected = {
         {1, 1, "DM", 100}, {1, 1, "R", 37}, {1, 1, "TC", 5}, {1, 1, "MR_bit", 165}};

@@ -2,8 +2,8 @@
 // names in the runtime's frame record, register lookups) must never leak a
 // previous frame's fields into the next one.
 #include "kv3000_catalogue.h"
-#include "kv_responder.h"
 #include "runtime_fixture.h"
+#include "sim_plc.h"
 
 #include <QByteArray>
 
@@ -31,7 +31,7 @@ protected:
         QByteArray reply = tampered.isNull() ? plc.answer(frame) : tampered;
         return intf_dealRcvFrame(&reply, &message);
     }
-    KvResponder plc;
+    SimPlc plc;
     FRAME_PRO frame;
     QString message;
 };

@@ -1,8 +1,8 @@
 // The frame scheduler: precedence of handshake, recipe transfers, writes,
 // condition reads and cyclic reads, their limits, and re-sending.
-#include "kv_responder.h"
 #include "records.h"
 #include "runtime_fixture.h"
+#include "sim_plc.h"
 
 #include <QByteArray>
 
@@ -35,7 +35,7 @@ protected:
         return first;
     }
     void registerKeys(QList<KEY_ADDRESS> keys) { intf_addrMerge(keys); }
-    KvResponder plc;
+    SimPlc plc;
 };
 
 QString label(const FRAME_PRO& f) {
@@ -150,9 +150,9 @@ TEST_F(RecipeScheduling, RecipeWritePreemptsWritesAndReads) {
     EXPECT_EQ(label(serve()), "DM300");
     EXPECT_EQ(recipeWriteByte(), 0);
     EXPECT_EQ(driver.rcpFrameIndex, 0);
-    EXPECT_EQ(plc.word(6, 100), 0x1100);
-    EXPECT_EQ(plc.word(6, 101), 0x1101);
-    EXPECT_EQ(plc.word(6, 301), 0x1105);
+    EXPECT_EQ(plc.get("DM", 100), 0x1100);
+    EXPECT_EQ(plc.get("DM", 101), 0x1101);
+    EXPECT_EQ(plc.get("DM", 301), 0x1105);
     EXPECT_EQ(label(serve()), "DM50");
     EXPECT_EQ(label(serve()), "DM1");
 }
@@ -230,7 +230,7 @@ TEST_F(Scheduler, ReRegistrationWhileABlockIsOnTheWire) {
     FRAME_PRO f;
     ASSERT_EQ(intf_getSendFrame(&f), 1);
     EXPECT_EQ(label(f), "DM100");
-    plc.setWord(6, 100, 77);
+    plc.set("DM", 100, 77);
     registerKeys({makeKey("CM", 1, 1), makeKey("EM", 2, 1)});
     // The old block completes against what it was built from...
     QByteArray reply = plc.answer(f);

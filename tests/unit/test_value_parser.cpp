@@ -1,10 +1,10 @@
 // Parsing of read replies into the data area, recipe copies, and the
 // completion of bit writes into words.
 #include "kv_3000/frame_builder.h"
-#include "kv_responder.h"
 #include "records.h"
 #include "runtime_fixture.h"
 #include "serviceForProtocol/value_parser.h"
+#include "sim_plc.h"
 
 #include <QByteArray>
 
@@ -16,9 +16,9 @@ class Parser : public RuntimeFixture {
 protected:
     // A read reply (11 + n bytes) carrying the given value bytes.
     static QByteArray readReply(const std::vector<unsigned char>& values) {
-        std::vector<unsigned char> body = {0x01, 0x00, 0xFF, 0x00, 0x1E, 0x00, 0x00, 0x00};
+        std::vector<unsigned char> body = {0x1E, 0x00, 0x00, 0x00, 0x00};
         body.insert(body.end(), values.begin(), values.end());
-        return envelope(body);
+        return replyOf(body);
     }
     static VARIABLE var(const char* reg, int address, int length) { return makeItem(reg, address, length); }
     static std::vector<unsigned char> get(const char* reg, int address, int len, int bytes) {

@@ -1,8 +1,8 @@
 // Write requests: cutting into items, the queueing rule, the local-only mode
 // and what is refused.
-#include "kv_responder.h"
 #include "records.h"
 #include "runtime_fixture.h"
+#include "sim_plc.h"
 
 #include <vector>
 
@@ -131,7 +131,7 @@ TEST_F(Writes, ContactsAreNotQueuedAndFallBackAtOnce) {
 
 class WritesEndToEnd : public Writes {
 protected:
-    KvResponder plc;
+    SimPlc plc;
 };
 
 TEST_F(WritesEndToEnd, WrittenValueReachesTheControllerAndSurvivesTheNextRead) {
@@ -141,8 +141,8 @@ TEST_F(WritesEndToEnd, WrittenValueReachesTheControllerAndSurvivesTheNextRead) {
     write("DM", 100, 2, {0x34, 0x12, 0x78, 0x56});
     EXPECT_EQ(shownUnit("DM", 100), 0x1234u);  // shown at once
     runLoop(plc, 2);                           // the write, then a cyclic read
-    EXPECT_EQ(plc.word(6, 100), 0x1234);
-    EXPECT_EQ(plc.word(6, 101), 0x5678);
+    EXPECT_EQ(plc.get("DM", 100), 0x1234);
+    EXPECT_EQ(plc.get("DM", 101), 0x5678);
     EXPECT_EQ(shownUnit("DM", 100), 0x1234u);
     EXPECT_EQ(shownUnit("DM", 101), 0x5678u);
     for (const _DATA_& d : qAsConst(driver.dataArea)) EXPECT_EQ(d.writeValid, 0);
@@ -150,19 +150,19 @@ TEST_F(WritesEndToEnd, WrittenValueReachesTheControllerAndSurvivesTheNextRead) {
 
 TEST_F(WritesEndToEnd, BitWriteIntoAWordKeepsTheOtherBits) {
     runLoop(plc, 5);
-    plc.setWord(6, 100, 0x8001);
-    plc.setWord(6, 101, 0x0F0F);
+    plc.set("DM", 100, 0x8001);
+    plc.set("DM", 101, 0x0F0F);
     write("DM_bit", 100 * 16 + 14, 4, {1, 0, 0, 1});
     runLoop(plc, 2);
-    EXPECT_EQ(plc.word(6, 100), 0x4001);
-    EXPECT_EQ(plc.word(6, 101), 0x0F0E);
+    EXPECT_EQ(plc.get("DM", 100), 0x4001);
+    EXPECT_EQ(plc.get("DM", 101), 0x0F0E);
     EXPECT_TRUE(queue().isEmpty());
 }
 
 TEST_F(WritesEndToEnd, WriteThatKeepsFailingFallsBackToTheReadValue) {
     runLoop(plc, 5);
     monitor("TM", 3, 1);
-    plc.setWord(8, 3, 11);
+    plc.set("TM", 3, 11);
     runLoop(plc, 1);
     write("TM", 3, 1, {99, 0});
     calls().clear();

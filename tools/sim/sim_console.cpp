@@ -29,16 +29,8 @@ std::string quoted(const std::string& text) {
     return "'" + (text.size() > 40 ? text.substr(0, 40) + "..." : text) + "'";
 }
 
-bool isBitUnit(UnitKind k) {
-    return k == UnitKind::Bit || k == UnitKind::WordBit || k == UnitKind::Contact;
-}
-
-bool isWideUnit(UnitKind k) {
-    return k == UnitKind::Dword || k == UnitKind::Current || k == UnitKind::Set;
-}
-
 // Decimal, optionally negative, or 0x hexadecimal; checked against the unit's width.
-bool parseValue(const std::string& text, UnitKind kind, uint32_t& out) {
+bool parseValue(const std::string& text, const RegInfo& reg, uint32_t& out) {
     if (text.empty() || text.size() > 24) return false;
     const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
     const char* start = text.c_str() + (hex ? 2 : 0);
@@ -50,13 +42,13 @@ bool parseValue(const std::string& text, UnitKind kind, uint32_t& out) {
     if (errno != 0 || end == start || *end != '\0') return false;
     long long lo = 0;
     long long hi = 1;
-    if (!isBitUnit(kind)) {
-        lo = isWideUnit(kind) ? -2147483648LL : -32768LL;
-        hi = isWideUnit(kind) ? 4294967295LL : 65535LL;
+    if (!reg.isBit()) {
+        lo = reg.isWide() ? -2147483648LL : -32768LL;
+        hi = reg.isWide() ? 4294967295LL : 65535LL;
     }
     if (v < lo || v > hi) return false;
     out = static_cast<uint32_t>(v);
-    if (!isWideUnit(kind)) out &= 0xFFFFu;
+    if (!reg.isWide()) out &= 0xFFFFu;
     return true;
 }
 
@@ -130,9 +122,9 @@ std::string Console::execute(const std::string& line, bool* quit) {
                          formatAddress(*unit->reg, unit->reg->max));
         std::vector<uint32_t> values(count);
         for (uint32_t i = 0; i < count; ++i) {
-            if (!parseValue(w[2 + i], unit->reg->kind, values[i]))
+            if (!parseValue(w[2 + i], *unit->reg, values[i]))
                 return error("bad value " + quoted(w[2 + i]) + " for " + unit->reg->name +
-                             (isBitUnit(unit->reg->kind) ? " (0 or 1)" : ""));
+                             (unit->reg->isBit() ? " (0 or 1)" : ""));
         }
         for (uint32_t i = 0; i < count; ++i) mem_.set(*unit->reg, unit->address + i, values[i]);
         return "ok\n";

@@ -11,28 +11,6 @@ namespace kvsim {
 
 namespace {
 
-struct StoreName {
-    const char* name;
-    Store store;
-};
-
-const StoreName kStores[] = {
-    {"R", Store::R},   {"B", Store::B},   {"CR", Store::CR}, {"MR", Store::MR},
-    {"LR", Store::LR}, {"T", Store::T},   {"C", Store::C},   {"DM", Store::DM},
-    {"TM", Store::TM}, {"CM", Store::CM}, {"EM", Store::EM}, {"FM", Store::FM},
-    {"W", Store::W},   {"ZF", Store::ZF}, {"Z", Store::Z},   {"TRM", Store::TRM},
-};
-
-bool storeByName(const std::string& name, Store& out) {
-    for (const StoreName& s : kStores) {
-        if (name == s.name) {
-            out = s.store;
-            return true;
-        }
-    }
-    return false;
-}
-
 int digitValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
@@ -71,33 +49,11 @@ std::vector<RegInfo> buildRegisters() {
         RegInfo r;
         r.name = REG_LIST[i];
         r.index = i;
-        const std::string format = ADDRESS_RANGE_PRO[i][REG_COL_FORMAT];
-        r.wordBit = format.find('.') != std::string::npos;
-        r.hex = format.find('H') != std::string::npos;
-        r.min = parseInFormat(r.wordBit, r.hex, ADDRESS_RANGE_PRO[i][REG_COL_MIN]).value_or(0);
-        r.max = parseInFormat(r.wordBit, r.hex, ADDRESS_RANGE_PRO[i][REG_COL_MAX]).value_or(0);
-        r.writable = std::strcmp(ADDRESS_RANGE_PRO[i][REG_COL_ACCESS], "RW") == 0;
-        const std::string element = ADDRESS_RANGE_PRO[i][REG_COL_ELEMENT];
-        const std::string transfer = ADDRESS_RANGE_PRO[i][REG_COL_TRANSFER];
-        std::string base = r.name.substr(0, r.name.find('_'));
-        if (r.name == "TC" || r.name == "TS") base = "T";
-        if (r.name == "CC" || r.name == "CS") base = "C";
-        if (!storeByName(base, r.store)) continue;
-        if (r.name.find("_bit") != std::string::npos) {
-            r.kind = UnitKind::WordBit;
-        } else if (r.name == "T" || r.name == "C") {
-            r.kind = UnitKind::Contact;
-        } else if (element == "1") {
-            r.kind = UnitKind::Bit;
-        } else if (r.name == "TC" || r.name == "CC") {
-            r.kind = UnitKind::Current;
-        } else if (r.name == "TS" || r.name == "CS") {
-            r.kind = UnitKind::Set;
-        } else if (transfer == "32") {
-            r.kind = UnitKind::Dword;
-        } else {
-            r.kind = UnitKind::Word;
-        }
+        r.traits = kvreg::traits(i);
+        const bool wordBit = r.traits.notation == kvreg::Notation::WordBit;
+        const bool hex = r.traits.notation == kvreg::Notation::Hex;
+        r.min = parseInFormat(wordBit, hex, ADDRESS_RANGE_PRO[i][REG_COL_MIN]).value_or(0);
+        r.max = parseInFormat(wordBit, hex, ADDRESS_RANGE_PRO[i][REG_COL_MAX]).value_or(0);
         out.push_back(r);
     }
     return out;
@@ -127,14 +83,15 @@ const RegInfo* findRegister(std::string_view name) {
 }
 
 std::optional<uint32_t> parseAddressText(const RegInfo& reg, std::string_view text) {
-    return parseInFormat(reg.wordBit, reg.hex, text);
+    return parseInFormat(reg.traits.notation == kvreg::Notation::WordBit,
+                         reg.traits.notation == kvreg::Notation::Hex, text);
 }
 
 std::string formatAddress(const RegInfo& reg, uint32_t address) {
     char buf[32];
-    if (reg.wordBit) {
+    if (reg.traits.notation == kvreg::Notation::WordBit) {
         std::snprintf(buf, sizeof buf, "%u.%02u", address / 16, address % 16);
-    } else if (reg.hex) {
+    } else if (reg.traits.notation == kvreg::Notation::Hex) {
         std::snprintf(buf, sizeof buf, "%X", address);
     } else {
         std::snprintf(buf, sizeof buf, "%u", address);
@@ -157,7 +114,9 @@ std::optional<UnitRef> parseUnit(std::string_view text, std::string* error) {
     };
     if (!best) return fail("unknown register or missing address in");
     const auto address = parseAddressText(*best, text.substr(best->name.size()));
-    if (!address) return fail(best->wordBit ? "bad address (expected WORD.BIT)" : "bad address");
+    if (!address)
+        return fail(best->traits.notation == kvreg::Notation::WordBit ? "bad address (expected WORD.BIT)"
+                                                                      : "bad address");
     if (*address < best->min || *address > best->max) return fail("address out of range");
     return UnitRef{best, *address};
 }
@@ -167,23 +126,23 @@ Memory::Memory() {
         if (v.size() < n) v.resize(n);
     };
     for (const RegInfo& r : registers()) {
-        const int s = static_cast<int>(r.store);
         const size_t n = static_cast<size_t>(r.max) + 1;
-        switch (r.kind) {
-            case UnitKind::Bit:
-            case UnitKind::WordBit:
-                grow(words_[s], (n + 15) / 16);
+        switch (r.traits.kind) {
+            case kvreg::Kind::RelayBit:
+            case kvreg::Kind::BitInWord:
+                grow(words_[r.area()], (n + 15) / 16);
                 break;
-            case UnitKind::Word:
-                grow(words_[s], n);
+            case kvreg::Kind::Word:
+                grow(words_[r.area()], n);
                 break;
-            case UnitKind::Dword:
-                grow(dwords_[s], n);
+            case kvreg::Kind::DWord:
+                grow(dwords_[r.area()], n);
                 break;
-            case UnitKind::Contact:
-            case UnitKind::Current:
-            case UnitKind::Set:
-                grow(timers_[s], n);
+            case kvreg::Kind::Contact:
+            case kvreg::Kind::TimerValue:
+                grow(timers_[r.area()], n);
+                break;
+            case kvreg::Kind::None:
                 break;
         }
     }
@@ -207,26 +166,24 @@ std::optional<uint32_t> Memory::get(const RegInfo& reg, uint32_t address) const 
 
 std::optional<uint32_t> Memory::getLocked(const RegInfo& reg, uint32_t address) const {
     if (address < reg.min || address > reg.max) return std::nullopt;
-    const int s = static_cast<int>(reg.store);
-    switch (reg.kind) {
-        case UnitKind::Bit:
-        case UnitKind::WordBit:
-            if (address / 16 >= words_[s].size()) return std::nullopt;
-            return (words_[s][address / 16] >> (address % 16)) & 1u;
-        case UnitKind::Word:
-            if (address >= words_[s].size()) return std::nullopt;
-            return words_[s][address];
-        case UnitKind::Dword:
-            if (address >= dwords_[s].size()) return std::nullopt;
-            return dwords_[s][address];
-        case UnitKind::Contact:
-        case UnitKind::Current:
-        case UnitKind::Set: {
-            if (address >= timers_[s].size()) return std::nullopt;
-            const TimerRecord& t = timers_[s][address];
-            if (reg.kind == UnitKind::Contact) return t.contact ? 1u : 0u;
-            return reg.kind == UnitKind::Current ? t.current : t.set;
-        }
+    const uint8_t a = reg.area();
+    switch (reg.traits.kind) {
+        case kvreg::Kind::RelayBit:
+        case kvreg::Kind::BitInWord:
+            if (address / 16 >= words_[a].size()) return std::nullopt;
+            return (words_[a][address / 16] >> (address % 16)) & 1u;
+        case kvreg::Kind::Word:
+            if (address >= words_[a].size()) return std::nullopt;
+            return words_[a][address];
+        case kvreg::Kind::DWord:
+            if (address >= dwords_[a].size()) return std::nullopt;
+            return dwords_[a][address];
+        case kvreg::Kind::Contact:
+        case kvreg::Kind::TimerValue:
+            if (address >= timers_[a].size()) return std::nullopt;
+            return kvwire::timerField(timers_[a][address], reg.traits.field);
+        case kvreg::Kind::None:
+            break;
     }
     return std::nullopt;
 }
@@ -234,34 +191,45 @@ std::optional<uint32_t> Memory::getLocked(const RegInfo& reg, uint32_t address) 
 bool Memory::set(const RegInfo& reg, uint32_t address, uint32_t value) {
     std::lock_guard<std::mutex> guard(mutex_);
     if (address < reg.min || address > reg.max) return false;
-    const int s = static_cast<int>(reg.store);
-    switch (reg.kind) {
-        case UnitKind::Bit:
-        case UnitKind::WordBit: {
-            if (address / 16 >= words_[s].size()) return false;
+    const uint8_t a = reg.area();
+    switch (reg.traits.kind) {
+        case kvreg::Kind::RelayBit:
+        case kvreg::Kind::BitInWord: {
+            if (address / 16 >= words_[a].size()) return false;
             const uint16_t mask = static_cast<uint16_t>(1u << (address % 16));
-            uint16_t& w = words_[s][address / 16];
+            uint16_t& w = words_[a][address / 16];
             w = value ? static_cast<uint16_t>(w | mask) : static_cast<uint16_t>(w & ~mask);
             return true;
         }
-        case UnitKind::Word:
-            if (address >= words_[s].size()) return false;
-            words_[s][address] = static_cast<uint16_t>(value);
+        case kvreg::Kind::Word:
+            if (address >= words_[a].size()) return false;
+            words_[a][address] = static_cast<uint16_t>(value);
             return true;
-        case UnitKind::Dword:
-            if (address >= dwords_[s].size()) return false;
-            dwords_[s][address] = value;
+        case kvreg::Kind::DWord:
+            if (address >= dwords_[a].size()) return false;
+            dwords_[a][address] = value;
             return true;
-        case UnitKind::Contact:
-        case UnitKind::Current:
-        case UnitKind::Set: {
-            if (address >= timers_[s].size()) return false;
-            TimerRecord& t = timers_[s][address];
-            if (reg.kind == UnitKind::Contact) t.contact = value != 0;
-            if (reg.kind == UnitKind::Current) t.current = value;
-            if (reg.kind == UnitKind::Set) t.set = value;
+        case kvreg::Kind::Contact:
+        case kvreg::Kind::TimerValue: {
+            if (address >= timers_[a].size()) return false;
+            TimerRecord& t = timers_[a][address];
+            switch (reg.traits.field) {
+                case kvwire::TimerField::Contact:
+                    t.contact = value != 0;
+                    break;
+                case kvwire::TimerField::Current:
+                    t.current = value;
+                    break;
+                case kvwire::TimerField::Set:
+                    t.set = value;
+                    break;
+                case kvwire::TimerField::None:
+                    return false;
+            }
             return true;
         }
+        case kvreg::Kind::None:
+            break;
     }
     return false;
 }

@@ -3,6 +3,9 @@
 #ifndef KV3000_SIM_MEMORY_H
 #define KV3000_SIM_MEMORY_H
 
+#include "kv3000_traits.h"
+#include "kv3000_wire.h"
+
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -12,30 +15,19 @@
 
 namespace kvsim {
 
-// One store per device area; the catalogue rows are views onto them
-// ("DM_bit" and "DM" share DM, "TC" and "TS" share the T records).
-enum class Store { R, B, CR, MR, LR, T, C, DM, TM, CM, EM, FM, W, ZF, Z, TRM, Count };
-
-enum class UnitKind {
-    Bit,      // R, B: the address is the bit number (word x 16 + bit for R)
-    WordBit,  // MR_bit, DM_bit, ...: bit of a word store, address word x 16 + bit
-    Contact,  // T, C
-    Word,     // DM, TM, CM, EM, FM, MR, LR, CR, W, ZF
-    Dword,    // Z, TRM
-    Current,  // TC, CC
-    Set,      // TS, CS
-};
-
+// One row of the catalogue, with its range as integers. What the row is
+// comes from the one traits table; its store is the device area it reads
+// ("DM_bit" and "DM" share DM's words, "TC" and "TS" the T records).
 struct RegInfo {
     std::string name;  // as in the catalogue, case-sensitive
     int index;         // catalogue row
-    Store store;
-    UnitKind kind;
-    bool wordBit;  // written word.bit
-    bool hex;      // written in hexadecimal
+    kvreg::Traits traits;
     uint32_t min;
     uint32_t max;
-    bool writable;  // by the device protocol (T and C are read-only there)
+
+    uint8_t area() const { return traits.readArea; }
+    bool isBit() const { return traits.countsBits(); }
+    bool isWide() const { return traits.elementBits == 32; }
 };
 
 // The 28 catalogue rows, in catalogue order.
@@ -58,11 +50,7 @@ struct UnitRef {
 // checked against the row's range. On failure error gets a one-line reason.
 std::optional<UnitRef> parseUnit(std::string_view text, std::string* error = nullptr);
 
-struct TimerRecord {
-    bool contact = false;
-    uint32_t current = 0;
-    uint32_t set = 0;
-};
+using TimerRecord = kvwire::TimerRecord;
 
 class Memory {
 public:
@@ -78,20 +66,20 @@ public:
     bool set(const RegInfo& reg, uint32_t address, uint32_t value);
     void clear();
 
-    // Raw stores for the frame answerer and the live values: hold lock()
-    // while touching them.
+    // Raw stores by area code, for the frame answerer and the live values:
+    // hold lock() while touching them. Relay bits are kept 16 to a word.
     std::unique_lock<std::mutex> lock() const { return std::unique_lock<std::mutex>(mutex_); }
-    std::vector<uint16_t>& words(Store s) { return words_[static_cast<int>(s)]; }
-    std::vector<uint32_t>& dwords(Store s) { return dwords_[static_cast<int>(s)]; }
-    std::vector<TimerRecord>& timers(Store s) { return timers_[static_cast<int>(s)]; }
+    std::vector<uint16_t>& words(uint8_t area) { return words_[area]; }
+    std::vector<uint32_t>& dwords(uint8_t area) { return dwords_[area]; }
+    std::vector<TimerRecord>& timers(uint8_t area) { return timers_[area]; }
 
 private:
     std::optional<uint32_t> getLocked(const RegInfo& reg, uint32_t address) const;
 
     mutable std::mutex mutex_;
-    std::vector<uint16_t> words_[static_cast<int>(Store::Count)];
-    std::vector<uint32_t> dwords_[static_cast<int>(Store::Count)];
-    std::vector<TimerRecord> timers_[static_cast<int>(Store::Count)];
+    std::vector<uint16_t> words_[256];
+    std::vector<uint32_t> dwords_[256];
+    std::vector<TimerRecord> timers_[256];
 };
 
 }  // namespace kvsim

@@ -1,6 +1,7 @@
 #include "sim_protocol.h"
 
 #include "kv3000_catalogue.h"
+#include "kv3000_traits.h"
 #include "kv3000_wire.h"
 
 #include <array>
@@ -9,12 +10,13 @@ namespace kvsim {
 
 namespace {
 
-enum class AreaKind { None, Bits, Records, RelayWords, Words, Dwords, Current, Set };
-
+// What an area code names on the device: the row that reads it (for the
+// T and C areas, the contacts), and its highest unit in the frame's own
+// addressing (the bit number for R and B, the word for relay words).
 struct Area {
-    AreaKind kind = AreaKind::None;
-    Store store = Store::Count;
-    uint32_t max = 0;  // highest unit in the frame's own addressing (bit number for R/B, word for relays)
+    const RegInfo* reg = nullptr;
+    uint32_t max = 0;
+    kvreg::Kind kind() const { return reg ? reg->traits.kind : kvreg::Kind::None; }
 };
 
 struct AreaTables {
@@ -22,44 +24,18 @@ struct AreaTables {
     std::array<Area, 256> value;  // timer/counter value writes
 };
 
-// Built from the catalogue: the word rows and the device bit rows give the
-// area codes of reads and writes; TC/TS/CC/CS give the value-write codes.
+// Built from the catalogue: every row but the bit views names its read
+// area; timer/counter values also name their value-write area.
 AreaTables buildAreas() {
     AreaTables t;
     for (const RegInfo& r : registers()) {
-        Area a;
-        a.store = r.store;
-        a.max = r.max;
-        switch (r.kind) {
-            case UnitKind::Bit:
-                a.kind = AreaKind::Bits;
-                break;
-            case UnitKind::Contact:
-                a.kind = AreaKind::Records;
-                break;
-            case UnitKind::Word:
-                a.kind = (r.store == Store::MR || r.store == Store::LR || r.store == Store::CR)
-                             ? AreaKind::RelayWords
-                             : AreaKind::Words;
-                break;
-            case UnitKind::Dword:
-                a.kind = AreaKind::Dwords;
-                break;
-            case UnitKind::Current:
-                a.kind = AreaKind::Current;
-                break;
-            case UnitKind::Set:
-                a.kind = AreaKind::Set;
-                break;
-            case UnitKind::WordBit:
-                break;
+        const kvreg::Kind kind = r.traits.kind;
+        if (kind == kvreg::Kind::BitInWord) continue;
+        if (kind == kvreg::Kind::TimerValue) {
+            t.value[r.traits.valueWriteArea] = Area{&r, r.max};
+            continue;
         }
-        if (a.kind == AreaKind::None) continue;
-        if (a.kind == AreaKind::Current || a.kind == AreaKind::Set) {
-            t.value[static_cast<uint8_t>(REG_LIST_W_AREA[r.index])] = a;
-        } else {
-            t.read[static_cast<uint8_t>(REG_LIST_AREA[r.index])] = a;
-        }
+        t.read[r.area()] = Area{&r, r.max};
     }
     return t;
 }
@@ -69,7 +45,9 @@ const AreaTables& areas() {
     return t;
 }
 
-std::vector<uint8_t> envelope(const std::vector<uint8_t>& body) {
+}  // namespace
+
+std::vector<uint8_t> replyEnvelope(const std::vector<uint8_t>& body) {
     std::vector<uint8_t> out;
     out.reserve(body.size() + 6);
     out.push_back(kvwire::ACK);
@@ -83,21 +61,16 @@ std::vector<uint8_t> envelope(const std::vector<uint8_t>& body) {
     return out;
 }
 
+namespace {
+
 void put16(std::vector<uint8_t>& v, uint32_t x) {
-    v.push_back(static_cast<uint8_t>(x >> 8));
-    v.push_back(static_cast<uint8_t>(x));
+    v.resize(v.size() + 2);
+    kvwire::putBE16(v.data() + v.size() - 2, x);
 }
 
 void put32(std::vector<uint8_t>& v, uint32_t x) {
-    put16(v, x >> 16);
-    put16(v, x);
-}
-
-uint32_t get16(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) << 8 | p[1];
-}
-uint32_t get32(const uint8_t* p) {
-    return get16(p) << 16 | get16(p + 2);
+    v.resize(v.size() + 4);
+    kvwire::putBE32(v.data() + v.size() - 4, x);
 }
 
 // Checks that count units from start lie inside the area; returns the first
@@ -106,10 +79,10 @@ int64_t firstIndex(const Area& a, uint32_t start, uint32_t count) {
     if (count == 0) return -1;
     uint64_t first = start;
     uint64_t units = count;
-    if (a.kind == AreaKind::RelayWords) {
+    if (a.reg->traits.relayWord) {
         if (start % 16 != 0) return -1;
         first = start / 16;
-    } else if (a.kind == AreaKind::Bits) {
+    } else if (a.kind() == kvreg::Kind::RelayBit) {
         units = static_cast<uint64_t>(count) * 16;
     }
     if (first + units - 1 > a.max) return -1;
@@ -122,7 +95,7 @@ bool bitAt(const std::vector<uint16_t>& words, uint64_t bit) {
 
 std::vector<uint8_t> serveRead(Memory& mem, uint8_t code, uint32_t count, uint32_t start, Outcome& outcome) {
     const Area& a = areas().read[code];
-    if (a.kind == AreaKind::None) return refusal(REFUSE_AREA);
+    if (!a.reg) return refusal(REFUSE_AREA);
     if (count > MAX_READ_UNITS) return refusal(REFUSE_RANGE);
     const int64_t first = firstIndex(a, start, count);
     if (first < 0) return refusal(REFUSE_RANGE);
@@ -131,9 +104,9 @@ std::vector<uint8_t> serveRead(Memory& mem, uint8_t code, uint32_t count, uint32
     std::vector<uint8_t> body{kvwire::CMD_WORD, kvwire::CMD_WORD_READ, code};
     put16(body, count);
     auto guard = mem.lock();
-    switch (a.kind) {
-        case AreaKind::Bits: {
-            const auto& words = mem.words(a.store);
+    switch (a.kind()) {
+        case kvreg::Kind::RelayBit: {
+            const auto& words = mem.words(code);
             for (uint32_t j = 0; j < count; ++j) {
                 uint32_t v = 0;
                 for (uint32_t k = 0; k < 16; ++k) {
@@ -143,24 +116,22 @@ std::vector<uint8_t> serveRead(Memory& mem, uint8_t code, uint32_t count, uint32
             }
             break;
         }
-        case AreaKind::Records: {
-            const auto& timers = mem.timers(a.store);
+        case kvreg::Kind::Contact: {
+            const auto& timers = mem.timers(code);
             for (uint32_t j = 0; j < count; ++j) {
-                const TimerRecord t = i0 + j < timers.size() ? timers[i0 + j] : TimerRecord{};
-                body.push_back(t.contact ? 0x80 : 0x00);
-                put32(body, t.current);
-                put32(body, t.set);
+                body.resize(body.size() + kvwire::TC_RECORD_LEN);
+                kvwire::writeTimerRecord(body.data() + body.size() - kvwire::TC_RECORD_LEN,
+                                         i0 + j < timers.size() ? timers[i0 + j] : TimerRecord{});
             }
             break;
         }
-        case AreaKind::RelayWords:
-        case AreaKind::Words: {
-            const auto& words = mem.words(a.store);
+        case kvreg::Kind::Word: {
+            const auto& words = mem.words(code);
             for (uint32_t j = 0; j < count; ++j) put16(body, i0 + j < words.size() ? words[i0 + j] : 0);
             break;
         }
-        case AreaKind::Dwords: {
-            const auto& dwords = mem.dwords(a.store);
+        case kvreg::Kind::DWord: {
+            const auto& dwords = mem.dwords(code);
             for (uint32_t j = 0; j < count; ++j) put32(body, i0 + j < dwords.size() ? dwords[i0 + j] : 0);
             break;
         }
@@ -168,15 +139,14 @@ std::vector<uint8_t> serveRead(Memory& mem, uint8_t code, uint32_t count, uint32
             return refusal(REFUSE_AREA);
     }
     outcome = Outcome::Read;
-    return envelope(body);
+    return replyEnvelope(body);
 }
 
 std::vector<uint8_t> serveWordWrite(Memory& mem, uint8_t code, uint32_t count, uint32_t start,
                                     const uint8_t* data, size_t dataLen, Outcome& outcome) {
     const Area& a = areas().read[code];
-    if (a.kind != AreaKind::RelayWords && a.kind != AreaKind::Words && a.kind != AreaKind::Dwords)
-        return refusal(REFUSE_AREA);
-    const size_t width = a.kind == AreaKind::Dwords ? 4 : 2;
+    if (a.kind() != kvreg::Kind::Word && a.kind() != kvreg::Kind::DWord) return refusal(REFUSE_AREA);
+    const size_t width = a.reg->traits.transferBits / 8;
     if (dataLen != static_cast<size_t>(count) * width) return refusal(REFUSE_LENGTH);
     const int64_t first = firstIndex(a, start, count);
     if (first < 0) return refusal(REFUSE_RANGE);
@@ -184,49 +154,51 @@ std::vector<uint8_t> serveWordWrite(Memory& mem, uint8_t code, uint32_t count, u
     {
         auto guard = mem.lock();
         if (width == 4) {
-            auto& dwords = mem.dwords(a.store);
+            auto& dwords = mem.dwords(code);
             if (i0 + count > dwords.size()) return refusal(REFUSE_RANGE);
-            for (uint32_t j = 0; j < count; ++j) dwords[i0 + j] = get32(data + 4 * j);
+            for (uint32_t j = 0; j < count; ++j) dwords[i0 + j] = kvwire::getBE32(data + 4 * j);
         } else {
-            auto& words = mem.words(a.store);
+            auto& words = mem.words(code);
             if (i0 + count > words.size()) return refusal(REFUSE_RANGE);
-            for (uint32_t j = 0; j < count; ++j) words[i0 + j] = static_cast<uint16_t>(get16(data + 2 * j));
+            for (uint32_t j = 0; j < count; ++j)
+                words[i0 + j] = static_cast<uint16_t>(kvwire::getBE16(data + 2 * j));
         }
     }
     outcome = Outcome::WordWrite;
-    return envelope({kvwire::CMD_WORD, kvwire::CMD_WORD_WRITE, code, 0x00});
+    return replyEnvelope({kvwire::CMD_WORD, kvwire::CMD_WORD_WRITE, code, 0x00});
 }
 
 std::vector<uint8_t> serveBitWrite(Memory& mem, uint8_t cmd, uint8_t code, uint32_t address,
                                    Outcome& outcome) {
     const Area& a = areas().read[code];
-    if (a.kind != AreaKind::Bits) return refusal(REFUSE_AREA);
+    if (a.kind() != kvreg::Kind::RelayBit) return refusal(REFUSE_AREA);
     if (address > a.max) return refusal(REFUSE_RANGE);
     {
         auto guard = mem.lock();
-        auto& words = mem.words(a.store);
+        auto& words = mem.words(code);
         if (address / 16 >= words.size()) return refusal(REFUSE_RANGE);
         const uint16_t mask = static_cast<uint16_t>(1u << (address % 16));
         uint16_t& w = words[address / 16];
         w = cmd == kvwire::CMD_BIT_SET ? static_cast<uint16_t>(w | mask) : static_cast<uint16_t>(w & ~mask);
     }
     outcome = Outcome::BitWrite;
-    return envelope({cmd, code, 0x00});
+    return replyEnvelope({cmd, code, 0x00});
 }
 
 std::vector<uint8_t> serveValueWrite(Memory& mem, uint8_t code, uint32_t address, uint32_t value,
                                      Outcome& outcome) {
     const Area& a = areas().value[code];
-    if (a.kind != AreaKind::Current && a.kind != AreaKind::Set) return refusal(REFUSE_AREA);
+    if (a.kind() != kvreg::Kind::TimerValue) return refusal(REFUSE_AREA);
     if (address > a.max) return refusal(REFUSE_RANGE);
     {
         auto guard = mem.lock();
-        auto& timers = mem.timers(a.store);
+        auto& timers = mem.timers(a.reg->area());
         if (address >= timers.size()) return refusal(REFUSE_RANGE);
-        (a.kind == AreaKind::Current ? timers[address].current : timers[address].set) = value;
+        (a.reg->traits.field == kvwire::TimerField::Current ? timers[address].current : timers[address].set) =
+            value;
     }
     outcome = Outcome::ValueWrite;
-    return envelope({kvwire::CMD_VALUE_WRITE, code, 0x00});
+    return replyEnvelope({kvwire::CMD_VALUE_WRITE, code, 0x00});
 }
 
 std::vector<uint8_t> serveCommand(Memory& mem, const uint8_t* c, size_t len, Outcome& outcome) {
@@ -235,7 +207,7 @@ std::vector<uint8_t> serveCommand(Memory& mem, const uint8_t* c, size_t len, Out
         case kvwire::CMD_HANDSHAKE_1:
             if (len != 2 || c[1] != 0x01) return refusal(REFUSE_COMMAND);
             outcome = Outcome::Handshake;
-            return envelope({kvwire::CMD_HANDSHAKE_1, 0x01, 0x00});
+            return replyEnvelope({kvwire::CMD_HANDSHAKE_1, 0x01, 0x00});
         case kvwire::CMD_HANDSHAKE_2: {
             static const uint8_t rest[5] = {0x00, 0x01, 0x06, 0x00, 0x00};
             if (len != 6) return refusal(REFUSE_COMMAND);
@@ -243,7 +215,7 @@ std::vector<uint8_t> serveCommand(Memory& mem, const uint8_t* c, size_t len, Out
                 if (c[1 + i] != rest[i]) return refusal(REFUSE_COMMAND);
             }
             outcome = Outcome::Handshake;
-            return envelope({kvwire::CMD_HANDSHAKE_2, 0x00, 0x01, 0x00});
+            return replyEnvelope({kvwire::CMD_HANDSHAKE_2, 0x00, 0x01, 0x00});
         }
         case kvwire::CMD_WORD: {
             // 1E sub 00 area 00 00 count(2) start(4) [data]
@@ -251,8 +223,8 @@ std::vector<uint8_t> serveCommand(Memory& mem, const uint8_t* c, size_t len, Out
             if (c[2] != 0x00 || (c[1] != kvwire::CMD_WORD_READ && c[1] != kvwire::CMD_WORD_WRITE))
                 return refusal(REFUSE_COMMAND);
             if (c[4] != 0x00 || c[5] != 0x00) return refusal(REFUSE_AREA);
-            const uint32_t count = get16(c + 6);
-            const uint32_t start = get32(c + 8);
+            const uint32_t count = kvwire::getBE16(c + 6);
+            const uint32_t start = kvwire::getBE32(c + 8);
             if (c[1] == kvwire::CMD_WORD_READ) {
                 if (len != static_cast<size_t>(kvwire::READ_CMD_LEN)) return refusal(REFUSE_LENGTH);
                 return serveRead(mem, c[3], count, start, outcome);
@@ -264,12 +236,12 @@ std::vector<uint8_t> serveCommand(Memory& mem, const uint8_t* c, size_t len, Out
             // 32|33 00 01 area addr(2)
             if (len != static_cast<size_t>(kvwire::BIT_WRITE_CMD_LEN)) return refusal(REFUSE_LENGTH);
             if (c[1] != 0x00 || c[2] != 0x01) return refusal(REFUSE_COMMAND);
-            return serveBitWrite(mem, c[0], c[3], get16(c + 4), outcome);
+            return serveBitWrite(mem, c[0], c[3], kvwire::getBE16(c + 4), outcome);
         case kvwire::CMD_VALUE_WRITE:
             // 18 00 01 warea addr(2) value(4)
             if (len != static_cast<size_t>(kvwire::VALUE_WRITE_CMD_LEN)) return refusal(REFUSE_LENGTH);
             if (c[1] != 0x00 || c[2] != 0x01) return refusal(REFUSE_COMMAND);
-            return serveValueWrite(mem, c[3], get16(c + 4), get32(c + 6), outcome);
+            return serveValueWrite(mem, c[3], kvwire::getBE16(c + 4), kvwire::getBE32(c + 6), outcome);
         default:
             return refusal(REFUSE_COMMAND);
     }
@@ -282,7 +254,7 @@ bool frameCheckOk(const uint8_t* f, size_t L) {
 }  // namespace
 
 std::vector<uint8_t> refusal(uint8_t code) {
-    return envelope({REFUSAL, code});
+    return replyEnvelope({REFUSAL, code});
 }
 
 std::vector<uint8_t> answer(Memory& mem, const uint8_t* req, size_t n, Outcome* outcome) {

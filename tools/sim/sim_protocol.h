@@ -50,6 +50,8 @@ constexpr uint32_t MAX_READ_UNITS = 1024;
 // empty answer). Anything else gets a refusal. Thread-safe (locks mem).
 std::vector<uint8_t> answer(Memory& mem, const uint8_t* req, size_t n, Outcome* outcome = nullptr);
 std::vector<uint8_t> refusal(uint8_t code);
+// 06 01 00 FF, the command bytes, the check byte and 04: a reply around body.
+std::vector<uint8_t> replyEnvelope(const std::vector<uint8_t>& body);
 
 // Cuts request frames out of a byte stream, fed in pieces of any size.
 //

@@ -250,18 +250,18 @@ void Simulator::liveStep() {
     ++liveTicks_;
     const uint64_t t = liveTicks_;
     auto guard = memory_.lock();
-    auto& dm = memory_.words(Store::DM);
+    auto& dm = memory_.words(kvwire::AREA_DM);
     dm[0] = static_cast<uint16_t>(dm[0] + 1);
     dm[1] = static_cast<uint16_t>(
         std::lround(500.0 + 500.0 * std::sin(2.0 * kPi * static_cast<double>(t % 100) / 100.0)));
     // T0 runs up to its set value of 5 s in 100 ms steps, keeps its contact
     // closed for one second, then starts again.
-    TimerRecord& t0 = memory_.timers(Store::T)[0];
+    TimerRecord& t0 = memory_.timers(kvwire::AREA_T)[0];
     t0.set = 50;
     const uint32_t phase = static_cast<uint32_t>(t % 60);
     t0.current = std::min<uint32_t>(phase, t0.set);
     t0.contact = phase >= t0.set;
-    if (t % 10 == 0) memory_.words(Store::R)[0] ^= 1u;
+    if (t % 10 == 0) memory_.words(kvwire::AREA_R)[0] ^= 1u;
 }
 
 void Simulator::run() {
