@@ -7,6 +7,7 @@
 // data area must show exactly the controller's memory.
 #include "kv3000_intf.h"
 #include "kv3000_sim.h"
+#include "kv3000_traits.h"
 #include "kv3000_wire.h"
 #include "protocol.h"
 
@@ -41,19 +42,15 @@ constexpr int kScreenOps = 6000;
 constexpr int kRegistrations = 300;
 constexpr auto kWatchdog = std::chrono::seconds(60);
 
-enum Kind { WORD, BIT_IN_WORD, RELAY_BIT, DWORD };
-
 struct Area {
     const char* reg;
-    Kind kind;
     int units;  // addresses 0 .. units-1 (bit addresses for the bit kinds)
+    const kvreg::Traits& traits() const { return kvreg::traits(kvreg::rowOf(reg)); }
 };
 
 // Small areas, so that screens, recipes and the callback collide often.
 const Area kAreas[] = {
-    {"DM", WORD, 64},     {"DM_bit", BIT_IN_WORD, 64 * 16},
-    {"R", RELAY_BIT, 64}, {"EM", WORD, 32},
-    {"TS", DWORD, 8},     {"Z", DWORD, 16},
+    {"DM", 64}, {"DM_bit", 64 * 16}, {"R", 64}, {"EM", 32}, {"TS", 8}, {"Z", 16},
 };
 
 // ---- the runtime's shared memory and its mutex ----
@@ -208,7 +205,7 @@ Unit randomUnit() {
 
 // Elements of a request of n units (words for word and dword registers).
 int lengthOf(const Area& a, int units) {
-    return a.kind == DWORD ? 2 * units : units;
+    return a.traits().unitLength() * units;
 }
 
 void screen() {
@@ -221,8 +218,7 @@ void screen() {
         if (dice < 4) {
             unsigned char data[16];
             for (int i = 0; i < 16; ++i) {
-                const bool bit = u.area->kind == BIT_IN_WORD || u.area->kind == RELAY_BIT;
-                data[i] = static_cast<unsigned char>(bit ? pick(2) : pick(256));
+                data[i] = static_cast<unsigned char>(u.area->traits().countsBits() ? pick(2) : pick(256));
             }
             intf_setData(0, &reg, u.address, len, data, op);
         } else if (dice < 8) {
@@ -233,7 +229,7 @@ void screen() {
             key.reg = reg;
             key.address = u.address;
             key.length = len;
-            key.dataType = u.area->kind == BIT_IN_WORD || u.area->kind == RELAY_BIT ? -1 : 0;
+            key.dataType = u.area->traits().countsBits() ? -1 : 0;
             intf_addConditionRead(key, op);
         }
         // Paced, so that the screens' calls spread over many transactions.
@@ -248,7 +244,7 @@ KEY_ADDRESS keyOf(const Area& a, int address, int len) {
     k.reg = QString::fromLatin1(a.reg);
     k.address = address;
     k.length = len;
-    k.dataType = a.kind == BIT_IN_WORD || a.kind == RELAY_BIT ? -1 : 0;
+    k.dataType = a.traits().countsBits() ? -1 : 0;
     return k;
 }
 
@@ -256,7 +252,7 @@ KEY_ADDRESS keyOf(const Area& a, int address, int len) {
 QList<KEY_ADDRESS> everything() {
     QList<KEY_ADDRESS> keys;
     for (const Area& a : kAreas) {
-        if (a.kind == BIT_IN_WORD) continue;  // the words of DM cover them
+        if (a.traits().kind == kvreg::Kind::BitInWord) continue;  // the words of DM cover them
         keys.append(keyOf(a, 0, lengthOf(a, a.units)));
     }
     return keys;
@@ -322,20 +318,9 @@ bool sameAsController(kvsim::Memory& plc) {
     for (const Area& a : kAreas) {
         for (int address = 0; address < a.units; ++address) {
             unsigned char shown[4] = {};
-            const int len = a.kind == DWORD ? 2 : 1;
-            intf_getData(0, QString::fromLatin1(a.reg), address, len, shown);
-            uint32_t value = 0;
-            switch (a.kind) {
-                case WORD:
-                    value = shown[0] | shown[1] << 8;
-                    break;
-                case DWORD:
-                    value = shown[0] | shown[1] << 8 | shown[2] << 16 | static_cast<uint32_t>(shown[3]) << 24;
-                    break;
-                default:
-                    value = shown[0];
-                    break;
-            }
+            intf_getData(0, QString::fromLatin1(a.reg), address, a.traits().unitLength(), shown);
+            const uint32_t value =
+                shown[0] | shown[1] << 8 | shown[2] << 16 | static_cast<uint32_t>(shown[3]) << 24;
             const auto truth = plc.get(a.reg, static_cast<uint32_t>(address));
             ++compared;
             if (!truth || *truth != value) {

@@ -3,6 +3,7 @@
 #ifndef KV3000_TEST_RECORDS_H
 #define KV3000_TEST_RECORDS_H
 
+#include "kv3000_traits.h"
 #include "protocol.h"
 
 #include <QStringList>
@@ -51,12 +52,9 @@ inline void queueWrites(std::initializer_list<VARIABLE> items) {
 // What intf_getData shows for one unit of station 1, low byte first: a word,
 // a double word ("TC", "Z", ...) or a bit.
 inline uint32_t shownUnit(const char* reg, int address) {
-    const QString name = QString::fromLatin1(reg);
-    const bool dword = QStringList({"TC", "TS", "CC", "CS", "Z", "TRM"}).contains(name);
-    const bool bit = name.contains(QLatin1String("_bit")) || QStringList({"R", "B", "T", "C"}).contains(name);
     unsigned char b[4] = {};
-    intf_getData(1, name, address, dword ? 2 : 1, b);
-    return bit ? b[0] : uint32_t(b[0] | b[1] << 8 | b[2] << 16 | uint32_t(b[3]) << 24);
+    intf_getData(1, QString::fromLatin1(reg), address, kvreg::traits(kvreg::rowOf(reg)).unitLength(), b);
+    return uint32_t(b[0] | b[1] << 8 | b[2] << 16 | uint32_t(b[3]) << 24);
 }
 
 // "DM(100,4) DM(104,4)": register, address and length of each item.
