@@ -87,29 +87,25 @@ bool saveUnit(const UnitRegister& r, const UnitStep& u, const unsigned char* dat
               int& pendingCount, int address, int len) {
     const unsigned char* shown = shownValue(driver.dataArea.at(u.entry));
     switch (r.kind) {
-        case Unit::Word: {
-            const unsigned char* in = data + 2 * u.i;
-            if (in[0] != shown[0] || in[1] != shown[1]) {
-                int oldValue = uchar2int16(shown[0], shown[1]);
-                int newValue = uchar2int16(in[0], in[1]);
-                _wordDataChange(&oldValue, &newValue, u.entry, 0);
-                if (reinitialised(epoch)) return false;
-            }
-            _DATA_& e = driver.dataArea[u.entry];
-            std::memcpy(e.writeValue, in, 2);
-            e.writeValid = 1;
-            return true;
-        }
+        case Unit::Word:
         case Unit::DWord: {
-            const unsigned char* in = data + 4 * u.i;
-            int newValue = uchar2int32(in[0], in[1], in[2], in[3]);
-            int oldValue = uchar2int32(shown[0], shown[1], shown[2], shown[3]);
-            if (newValue != oldValue) {
-                _dwordDataChange(&oldValue, &newValue, u.entry, 0);
+            const bool word = r.kind == Unit::Word;
+            const size_t n = word ? 2 : 4;
+            const unsigned char* in = data + n * u.i;
+            if (std::memcmp(in, shown, n) != 0) {
+                if (word) {
+                    int oldValue = uchar2int16(shown[0], shown[1]);
+                    int newValue = uchar2int16(in[0], in[1]);
+                    _wordDataChange(&oldValue, &newValue, u.entry, 0);
+                } else {
+                    int oldValue = uchar2int32(shown[0], shown[1], shown[2], shown[3]);
+                    int newValue = uchar2int32(in[0], in[1], in[2], in[3]);
+                    _dwordDataChange(&oldValue, &newValue, u.entry, 0);
+                }
                 if (reinitialised(epoch)) return false;
             }
             _DATA_& e = driver.dataArea[u.entry];
-            std::memcpy(e.writeValue, in, 4);
+            std::memcpy(e.writeValue, in, n);
             e.writeValid = 1;
             return true;
         }
