@@ -79,6 +79,11 @@ struct _DATA_ {
     unsigned char writeValue[4] = {};  // little-endian
 };
 
+// The driver's records move in memory like their bytes (QString does), so
+// the vectors that hold them grow by reallocation.
+Q_DECLARE_TYPEINFO(_DATA_, Q_MOVABLE_TYPE);
+Q_DECLARE_TYPEINFO(FRAME_PRO, Q_MOVABLE_TYPE);
+
 // What the runtime's build relies on: declaration order and buffer sizes.
 static_assert(sizeof(int32_t) == 4, "32-bit fields");
 static_assert(offsetof(FRAME_PRO, frame) == 0, "FRAME_PRO starts with the frame bytes");

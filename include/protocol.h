@@ -3,6 +3,7 @@
 #define KV3000_PROTOCOL_H
 
 #include "kv3000_intf.h"
+#include "serviceForProtocol/data_index.h"
 
 #include <QList>
 #include <QString>
@@ -11,7 +12,6 @@
 
 #include <cstdint>
 #include <mutex>
-#include <unordered_map>
 
 class QMutex;
 
@@ -28,25 +28,6 @@ enum DriverState {
 
 // The request id of every cyclic read block.
 enum { CYCLIC_READ_ID = 4 };
-
-// Data-area lookup key: station, register key (as a catalogue index) and unit address.
-struct DataKey {
-    int32_t station;
-    int32_t regIndex;
-    int32_t address;
-    bool operator==(const DataKey& o) const {
-        return station == o.station && regIndex == o.regIndex && address == o.address;
-    }
-};
-struct DataKeyHash {
-    size_t operator()(const DataKey& k) const noexcept {
-        uint64_t h = static_cast<uint32_t>(k.address);
-        h = h * 0x9E3779B97F4A7C15ull ^ (static_cast<uint64_t>(static_cast<uint32_t>(k.station)) << 5) ^
-            static_cast<uint32_t>(k.regIndex);
-        h ^= h >> 29;
-        return static_cast<size_t>(h * 0xBF58476D1CE4E5B9ull);
-    }
-};
 
 class Protocol {
 public:
@@ -67,7 +48,7 @@ public:
     QList<VARIABLE> readList;
     QList<VARIABLE> writeList;
     QList<VARIABLE> conditionReadList;
-    QList<_DATA_> dataArea;
+    QVector<_DATA_> dataArea;
     QVector<_RCP_VAR_PRO> rcpVarList;
     QVector<_RCP_VAR_PRO> rcpBlockList;
     QList<int32_t> rcpFirstIndex;
@@ -83,7 +64,7 @@ public:
     int32_t maxBlockLength = 0;
     int32_t commError = 0;
     int32_t frameIndex = 0;
-    QList<FRAME_PRO> frameList;
+    QVector<FRAME_PRO> frameList;
     // Guards writeList. Not recursive: never call out while holding it.
     std::mutex mutex;
     int32_t rcpFrameIndex = 0;
@@ -96,8 +77,12 @@ public:
     // `mutex`, never while holding it or the runtime's shareMutex.
     std::recursive_mutex serial;
 
-    // O(1) index beside dataArea: key -> position. Emptied with dataArea.
-    std::unordered_map<DataKey, int, DataKeyHash> dataIndex;
+    // The index beside dataArea: key -> position. Emptied with dataArea.
+    DataIndex dataIndex;
+    // Bumped whenever entries may have moved (one was added), the data area
+    // was emptied, or the read blocks' unit positions were forgotten: a loop
+    // over entries that calls the runtime back checks this one number.
+    uint64_t dataAreaVersion = 0;
 
     // Bumped whenever readList is rebuilt: a cyclic read built from an older
     // list does not rotate the new one when it completes.

@@ -156,7 +156,10 @@ void handShakeFrame() {
 int getReadFrame(QList<VARIABLE> list) {
     if (list.isEmpty()) return 0;
     // constFirst: the list shares its items with the caller's, and first() would copy them.
-    const VARIABLE& var = list.constFirst();
+    return appendReadFrame(list.constFirst());
+}
+
+int appendReadFrame(const VARIABLE& var) {
     const Working w = workingOf(var, getIndexFromRegName(var.reg));
     // Nothing to read, or an address the frame cannot carry.
     if (var.length <= 0 || w.length <= 0 || var.address < 0) return 0;
@@ -176,10 +179,10 @@ int getReadFrame(QList<VARIABLE> list) {
     // The count field has 16 bits, the start field 32.
     if (start < 0 || count > 0xFFFF) return 0;
 
-    // Built in place: a frame record is over 2 KiB.
-    static const FRAME_PRO blank;
-    driver.frameList.append(blank);
-    FRAME_PRO& f = driver.frameList.last();
+    // Built in place in the list: a frame record is over 2 KiB.
+    const int at = driver.frameList.size();
+    driver.frameList.resize(at + 1);
+    FRAME_PRO& f = driver.frameList[at];
     fillRecord(f, var);
     if (kind == Kind::RelayBit) {
         // The block grows to the aligned start, so the reply's bits line up with it.
@@ -270,7 +273,7 @@ void getWriteFrame(VARIABLE& var) {
         // more bits than that can be named.
         if (w.length <= 0 || w.length > perFrame || var.length > KV_BUFFER_SIZE) return;
         if (frameStart(t, w.address) < 0) return;
-        if (!getReadFrame(QList<VARIABLE>() << var)) return;
+        if (!appendReadFrame(var)) return;
         static const unsigned char zeros[KV_BUFFER_SIZE] = {};
         driver.frameList.append(
             wordWriteFrame(var, t.readArea, k, w.length, uint32_t(frameStart(t, w.address)), zeros));

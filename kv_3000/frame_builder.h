@@ -19,6 +19,8 @@ VARIABLE workingBlock(const VARIABLE& var);
 void handShakeFrame();
 // Appends the read frame of the first block of list; 1, or 0 when nothing could be framed.
 int getReadFrame(QList<VARIABLE> list);
+// The read frame of one block; 1, or 0 when nothing could be framed.
+int appendReadFrame(const VARIABLE& var);
 // Appends the frame or frames that write var (nothing for "T", "C" or an unknown register).
 void getWriteFrame(VARIABLE& var);
 

@@ -13,6 +13,10 @@
 
 int check_rcv_data(unsigned char* reply, QList<VARIABLE> list, int size) {
     Q_UNUSED(list);
+    return checkReply(reply, size);
+}
+
+int checkReply(const unsigned char* reply, int size) {
     if (driver.frameList.isEmpty()) return 0;
     // Bytes announced but none handed over.
     if (!reply && size > 0) return 0;

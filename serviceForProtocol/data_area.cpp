@@ -21,48 +21,55 @@ bool indexInStep() {
     return driver.dataIndex.size() + unindexedEntries == size_t(driver.dataArea.size());
 }
 
+uint32_t hashAt(int position) {
+    const _DATA_& e = driver.dataArea.at(position);
+    return hashOf(DataKey{e.station, getIndexFromRegName(e.regKey), e.address});
+}
+
+// The indexed position of (station, key, address), or -1.
+int findIndexed(uint32_t h, int station, const QString& key, int address) {
+    const _DATA_* area = driver.dataArea.constData();
+    const int size = driver.dataArea.size();
+    return driver.dataIndex.find(
+        h, [&](int p) { return p < size && entryHasKey(area[p], station, key, address); });
+}
+
 // Someone changed driver.dataArea behind the index: index it again from the
 // list, the first of equal entries winning as in a linear scan.
 void rebuildDataIndex() {
     driver.dataIndex.clear();
     unindexedEntries = 0;
-    const QList<_DATA_>& list = driver.dataArea;
+    const QVector<_DATA_>& list = driver.dataArea;
     for (int i = 0; i < list.size(); ++i) {
         const _DATA_& e = list.at(i);
         const int keyIndex = getIndexFromRegName(e.regKey);
-        if (keyIndex < 0 || !driver.dataIndex.emplace(DataKey{e.station, keyIndex, e.address}, i).second)
+        const uint32_t h = hashOf(DataKey{e.station, keyIndex, e.address});
+        if (keyIndex < 0 || findIndexed(h, e.station, e.regKey, e.address) >= 0)
             ++unindexedEntries;
+        else
+            driver.dataIndex.insert(h, i, hashAt);
     }
 }
 
-bool entryIs(int pos, int station, const QString& key, int address) {
-    if (pos < 0 || pos >= driver.dataArea.size()) return false;
-    return entryHasKey(driver.dataArea.at(pos), station, key, address);
-}
-
-int appendEntry(QList<_DATA_>& list, int station, const QString& key, int address) {
+int appendEntry(QVector<_DATA_>& list, int station, const QString& key, int address) {
     _DATA_ e;
     e.station = station;
     e.regKey = key;
     e.address = address;
-    list.append(e);
+    list.append(std::move(e));
+    ++driver.dataAreaVersion;
     return list.size() - 1;
 }
 
 int indexedEntry(int station, int keyIndex, const QString& key, int address) {
-    const DataKey k{station, keyIndex, address};
-    auto it = driver.dataIndex.find(k);
-    const bool trusted =
-        it != driver.dataIndex.end() ? entryIs(it->second, station, key, address) : indexInStep();
-    if (!trusted) {
-        rebuildDataIndex();
-        it = driver.dataIndex.find(k);
-    }
-    if (it != driver.dataIndex.end()) return it->second;
+    const uint32_t h = hashOf(DataKey{station, keyIndex, address});
+    if (!indexInStep()) rebuildDataIndex();
+    const int found = findIndexed(h, station, key, address);
+    if (found >= 0) return found;
     // Entries of one register share the catalogue's copy of its name, so
     // that comparing keys mostly compares one pointer.
     const int pos = appendEntry(driver.dataArea, station, catalogueKeyName(keyIndex), address);
-    driver.dataIndex.emplace(k, pos);
+    driver.dataIndex.insert(h, pos, hashAt);
     return pos;
 }
 
@@ -161,6 +168,7 @@ void clearDataArea() {
     driver.dataArea.clear();
     driver.dataIndex.clear();
     unindexedEntries = 0;
+    ++driver.dataAreaVersion;
 }
 
 namespace {
@@ -226,7 +234,7 @@ _DATA_* dataAreaAt(int index) {
     return &driver.dataArea[index];
 }
 
-int getIndexOfDataArea(int station, QString regKey, int address, QList<_DATA_>& list) {
+int getIndexOfDataArea(int station, QString regKey, int address, QVector<_DATA_>& list) {
     const bool mainArea = &list == &driver.dataArea;
     if (mainArea) {
         const int keyIndex = getIndexFromRegName(regKey);
@@ -314,14 +322,6 @@ void reportUnitChange(int index) {
     if (keyIndex >= 0) return reportValueChange(station, catalogueKeyName(keyIndex), address);
     const QString key = e->regKey;
     reportValueChange(station, key, address);
-}
-
-// Callers pass a name that outlives the call (a local or a catalogue name),
-// never one inside the data area, which the callback may empty.
-void reportValueChange(int station, const QString& name, int address) {
-    const ValueChangeCallBack callback = driver.valueChangeCallBack;
-    if (!callback) return;
-    callback(driver.protocolId, station, name, address);
 }
 
 int _setBitValue(int value, int bit, int on) {

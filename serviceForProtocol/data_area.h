@@ -4,15 +4,16 @@
 
 #include "kv3000_records.h"
 #include "kv3000_traits.h"
+#include "protocol.h"
 
 #include <QByteArray>
-#include <QList>
 #include <QString>
+#include <QVector>
 
 using kvreg::Unit;
 
 // Index of the entry (station, regKey, address), created when missing.
-int getIndexOfDataArea(int station, QString regKey, int address, QList<_DATA_>& list);
+int getIndexOfDataArea(int station, QString regKey, int address, QVector<_DATA_>& list);
 // Empties driver.dataArea together with its index.
 void clearDataArea();
 
@@ -22,7 +23,10 @@ void _dwordDataChange(int* oldValue, int* newValue, int index, int skipBits);
 void _bitDataChange(int index);
 // Calls the runtime's change callback, if one is registered, with driver.protocolId.
 // name must outlive the call and must not be an entry's own regKey.
-void reportValueChange(int station, const QString& name, int address);
+inline void reportValueChange(int station, const QString& name, int address) {
+    const ValueChangeCallBack callback = driver.valueChangeCallBack;
+    if (callback) callback(driver.protocolId, station, name, address);
+}
 // _wordDataChange for an entry whose key is catalogue row keyIndex (-1: unknown).
 void wordDataChangeOf(const int* oldValue, const int* newValue, int index, int skipBits, int keyIndex);
 // The whole-unit report of _dwordDataChange and _bitDataChange.

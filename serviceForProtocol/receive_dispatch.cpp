@@ -33,9 +33,14 @@ DescribedFrame lastDescribed;
 
 }  // namespace
 
-QString getErrorInfo(QByteArray) {
+namespace {
+
+// The message of the head frame; the text of a frame described before is
+// handed out again.
+const QString& describeHead() {
+    static const QString connectionFailed = QStringLiteral("connection failed");
     const FRAME_PRO& head = driver.frameList.constFirst();
-    if (driver.handShakeFlag && head.replyLength != 0) return QStringLiteral("connection failed");
+    if (driver.handShakeFlag && head.replyLength != 0) return connectionFailed;
     DescribedFrame& last = lastDescribed;
     if (last.valid && last.station == head.station && last.address == head.address &&
         last.length == head.length && last.reg == head.reg)
@@ -47,7 +52,13 @@ QString getErrorInfo(QByteArray) {
     last.address = head.address;
     last.length = head.length;
     last.text = text;
-    return text;
+    return last.text;
+}
+
+}  // namespace
+
+QString getErrorInfo(QByteArray) {
+    return describeHead();
 }
 
 int dealReadFrameReturnSaveData(QByteArray reply) {
@@ -103,20 +114,24 @@ int intf_dealRcvFrame(QByteArray* reply, QString* message) {
         return KV_DEAL_IDLE;
     }
 
-    const QByteArray bytes = reply ? *reply : QByteArray();
-    if (message) assignName(*message, getErrorInfo(bytes));
+    static const QByteArray none;
+    const QByteArray& bytes = reply ? *reply : none;
+    if (message) assignName(*message, describeHead());
 
     // Anything below may call the runtime back; a re-initialisation from
     // there empties the lists under us, and this transaction is then over.
     const uint32_t epoch = driver.initEpoch;
     auto interrupted = [epoch] { return driver.initEpoch != epoch || driver.frameList.isEmpty(); };
 
-    const int check = check_rcv_data(reinterpret_cast<unsigned char*>(const_cast<char*>(bytes.constData())),
-                                     driver.currentReadList, bytes.size());
+    const int check = checkReply(reinterpret_cast<const unsigned char*>(bytes.constData()), bytes.size());
     if (check == 1 || check == 2) {
         driver.commError = 0;
         if (check == 1) {
-            dealReadFrameReturnSaveData(bytes);
+            const FRAME_PRO& head = driver.frameList.constFirst();
+            // The head's fields are handed on, not its 1024 data bytes: only
+            // the bit-write patch reads them, before anything can change the list.
+            parseReadReply(bytes, head.elementCount, head.dataOffset,
+                           ParsedBlock{head.station, head.reg, head.address, head.length, head.data});
             if (interrupted()) return KV_DEAL_ACCEPTED;
         } else if (driver.state == STATE_WRITE && driver.frameList.size() == 1) {
             // The last frame of a write answered: the whole request succeeded.

@@ -37,7 +37,7 @@ int buildRead() {
         driver.currentReadList.clear();
         driver.currentReadList.append(driver.currentVar);
     }
-    return getReadFrame(driver.currentReadList);
+    return appendReadFrame(driver.currentReadList.constFirst());
 }
 
 bool sameItem(const VARIABLE& a, const VARIABLE& b) {

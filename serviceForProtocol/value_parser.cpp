@@ -96,13 +96,6 @@ bool writeViewMayDrop(const _DATA_& entry) {
     return driver.writeList.isEmpty();
 }
 
-bool unitAddress(long long base, long long i, int& out) {
-    const long long a = base + i;
-    if (a < INT_MIN || a > INT_MAX) return false;
-    out = static_cast<int>(a);
-    return true;
-}
-
 // Bit write into words: the words just read get the requested bits, and go
 // into the waiting write frame high byte first, with a renewed check byte.
 void patchBitWrite(const Reply& d, int count, const ParsedBlock& var) {
@@ -161,54 +154,115 @@ std::unordered_map<BlockKey, std::vector<int>, BlockKeyHash> blockUnits;
 // interrupted stops using a position list that went away.
 uint64_t blockUnitsGeneration = 0;
 
-// The data-area positions of a reply's units. A cyclic read block keeps the
-// list from one reply to the next; each position is checked against its
-// unit before use (entries are never removed one by one, so a position stays
-// right until the data area is emptied) and looked up again when it fails.
+// The data-area positions of a reply's units (those inside the int range
+// from base). A cyclic read block keeps its list from one reply to the next:
+// entries are never removed one by one, so a position stays right until the
+// data area is emptied, which forgets every list; a list whose first or last
+// unit no longer matches is looked up anew. A change report may register
+// anew, which forgets the lists too: the units left are then looked up one
+// by one.
 class BlockUnits {
 public:
     BlockUnits(int station, int row, int keyIndex, long long base, int count)
-        : station_(station), keyIndex_(keyIndex), key_(catalogueKeyName(keyIndex)) {
-        if (driver.state != STATE_CYCLIC_READ) return;
-        list_ = &blockUnits[BlockKey{station, row, base, count}];
-        generation_ = blockUnitsGeneration;
-        if (list_->capacity() < size_t(count)) list_->reserve(size_t(count));
-    }
-    int at(int i, int address) {
-        if (list_ && generation_ != blockUnitsGeneration) list_ = nullptr;
-        if (list_ && size_t(i) < list_->size()) {
-            const int pos = (*list_)[size_t(i)];
-            if (pos >= 0 && pos < driver.dataArea.size() &&
-                entryHasKey(driver.dataArea.at(pos), station_, key_, address))
-                return pos;
+        : station_(station),
+          keyIndex_(keyIndex),
+          key_(catalogueKeyName(keyIndex)),
+          base_(base),
+          count_(static_cast<int>(std::max(0LL, std::min<long long>(count, INT_MAX - base + 1)))),
+          generation_(blockUnitsGeneration) {
+        if (count_ == 0) return;
+        std::vector<int>& list =
+            driver.state == STATE_CYCLIC_READ ? blockUnits[BlockKey{station, row, base, count}] : scratch_;
+        if (&list == &scratch_ || size_t(count_) != list.size() || !holds(0, list.front()) ||
+            !holds(count_ - 1, list.back())) {
+            list.resize(size_t(count_));
+            for (int i = 0; i < count_; ++i) list[size_t(i)] = lookUp(i);
         }
+        positions_ = list.data();
+    }
+    BlockUnits(const BlockUnits&) = delete;
+    BlockUnits& operator=(const BlockUnits&) = delete;
+
+    int size() const { return count_; }
+    int address(int i) const { return static_cast<int>(base_ + i); }
+    // The positions, until a change report registers anew (null then).
+    const int* positions() const { return generation_ == blockUnitsGeneration ? positions_ : nullptr; }
+    int at(int i) const { return generation_ == blockUnitsGeneration ? positions_[i] : lookUp(i); }
+
+private:
+    int lookUp(int i) const {
         UnitRegister unit;
         unit.kind = Unit::Word;
         unit.key = key_;
         unit.keyIndex = keyIndex_;
-        const int pos = dataAreaEntry(station_, unit, address);
-        if (list_) {
-            if (size_t(i) < list_->size())
-                (*list_)[size_t(i)] = pos;
-            else if (size_t(i) == list_->size())
-                list_->push_back(pos);
-        }
-        return pos;
+        return dataAreaEntry(station_, unit, address(i));
+    }
+    bool holds(int i, int position) const {
+        return position >= 0 && position < driver.dataArea.size() &&
+               entryHasKey(driver.dataArea.at(position), station_, key_, address(i));
     }
 
-private:
     int station_;
     int keyIndex_;
     const QString& key_;
-    std::vector<int>* list_ = nullptr;
-    uint64_t generation_ = 0;
+    long long base_;
+    int count_;
+    uint64_t generation_;
+    const int* positions_ = nullptr;
+    std::vector<int> scratch_;
 };
+
+// The words of a read reply into the data area, each change reported as its
+// monitor flags ask: the hot path of the cyclic reads. The entries are
+// reached through one pointer, fetched again after a report (the runtime
+// may call back in and add entries, or re-initialise the driver, which ends
+// the parse). False when re-initialised.
+bool storeWords(const unsigned char* field, const BlockUnits& units, int keyIndex, uint32_t epoch) {
+    const QString& keyName = catalogueKeyName(keyIndex);
+    const int* positions = units.positions();
+    _DATA_* area = driver.dataArea.data();
+    uint64_t version = driver.dataAreaVersion;
+    for (int i = 0; i < units.size(); ++i) {
+        int at;
+        if (positions) {
+            at = positions[i];
+        } else {  // looked up one by one, which may add an entry
+            at = units.at(i);
+            area = driver.dataArea.data();
+            version = driver.dataAreaVersion;
+        }
+        const unsigned high = field[2 * i];
+        const unsigned low = field[2 * i + 1];
+        _DATA_& entry = area[at];
+        const int fresh = static_cast<int>(high << 8 | low);
+        const int old = entry.readValue[0] | entry.readValue[1] << 8;
+        if (fresh != old) {
+            if (writeViewMayDrop(entry)) entry.writeValid = 0;
+            if (entry.monitorBits != 0 || (entry.monitorFlags & 1u)) {
+                if (entry.monitorBits != 0)
+                    wordDataChangeOf(&old, &fresh, at, 0, keyIndex);
+                else
+                    reportValueChange(entry.station, keyName, entry.address);
+                if (driver.dataAreaVersion != version) {
+                    if (driver.initEpoch != epoch) return false;
+                    positions = units.positions();
+                    area = driver.dataArea.data();
+                    version = driver.dataAreaVersion;
+                }
+            }
+        }
+        area[at].readValue[0] = static_cast<unsigned char>(low);
+        area[at].readValue[1] = static_cast<unsigned char>(high);
+    }
+    return true;
+}
 
 }  // namespace
 
 void forgetReadBlockUnits() {
     blockUnits.clear();
     ++blockUnitsGeneration;
+    ++driver.dataAreaVersion;
 }
 
 int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var) {
@@ -223,21 +277,20 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
     const Reply d{reinterpret_cast<const unsigned char*>(reply.constData()), reply.size(), offset};
     const RecipeRange recipe = recipeRange();
     // A copy: the change callback may register another recipe under us.
-    const QVector<_RCP_VAR_PRO> recipeEntries = driver.rcpVarList;
+    const QVector<_RCP_VAR_PRO> recipeEntries =
+        recipe.first < recipe.last ? driver.rcpVarList : QVector<_RCP_VAR_PRO>();
     const int station = var.station;
     const uint32_t epoch = driver.initEpoch;
     auto interrupted = [epoch] { return driver.initEpoch != epoch; };
 
     if (t.transferBits == 1) {
         const bool contacts = t.kind == kvreg::Kind::Contact;
-        BlockUnits units(station, index, index, var.address, count);
-        for (int i = 0; i < count; ++i) {
-            int address;
-            if (!unitAddress(var.address, i, address)) break;
+        const BlockUnits units(station, index, index, var.address, count);
+        for (int i = 0; i < units.size(); ++i) {
             // Relay bits come 16 to a word, high byte first.
             const unsigned char bit = contacts ? d.timerRecord(i).contact
                                                : (d[(i % 16) < 8 ? i / 8 + 1 : i / 8 - 1] >> (i % 8)) & 1;
-            const int at = units.at(i, address);
+            const int at = units.at(i);
             if (driver.dataArea[at].readValue[0] != bit) {
                 driver.dataArea[at].writeValid = 0;
                 reportUnitChange(at);
@@ -251,8 +304,8 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
             const Span span = elementsWithin(e.address, e.length, var.address, var.address + 0LL + count);
             for (long long j = span.begin; j < span.end; ++j) {
                 const long long element = static_cast<long long>(e.address) + j - var.address;
-                const int at =
-                    getIndexOfDataArea(station, var.reg, int(var.address + element), driver.dataArea);
+                const int at = getIndexOfDataArea(station, catalogueKeyName(index),
+                                                  int(var.address + element), driver.dataArea);
                 putRecipeWord(static_cast<long long>(e.bufferOffset) + j, driver.dataArea[at].readValue[0]);
                 if (interrupted()) return 0;
             }
@@ -271,38 +324,17 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
         // A "_bit" block (recipe) carries a bit address: its words start at address / 16.
         if (bitName && var.address < 0) return 0;
         const long long base = bitName ? var.address / 16 : var.address;
-        BlockUnits units(station, index, keyIndex, base, count);
-        const QString& keyName = catalogueKeyName(keyIndex);
-        // The whole field is there (the response check saw to it): read it directly.
-        const unsigned char* field = offset >= 0 && offset + 2LL * count <= reply.size()
-                                         ? reinterpret_cast<const unsigned char*>(reply.constData()) + offset
-                                         : nullptr;
-        for (int i = 0; i < count; ++i) {
-            int address;
-            if (!unitAddress(base, i, address)) break;
-            const int at = units.at(i, address);
-            const unsigned char high = field ? field[2 * i] : d[2LL * i];
-            const unsigned char low = field ? field[2 * i + 1] : d[2LL * i + 1];
-            const int fresh = high * 256 + low;
-            _DATA_* entry = &driver.dataArea[at];
-            const int old = entry->readValue[0] + entry->readValue[1] * 256;
-            if (fresh != old) {
-                if (writeViewMayDrop(*entry)) entry->writeValid = 0;
-                bool reported = true;
-                if (entry->monitorBits != 0)
-                    wordDataChangeOf(&old, &fresh, at, 0, keyIndex);
-                else if (entry->monitorFlags & 1u)
-                    reportValueChange(entry->station, keyName, entry->address);
-                else
-                    reported = false;
-                if (reported) {  // the runtime may have called back in
-                    if (interrupted()) return 0;
-                    entry = &driver.dataArea[at];
-                }
-            }
-            entry->readValue[0] = low;
-            entry->readValue[1] = high;
+        const BlockUnits units(station, index, keyIndex, base, count);
+        // The whole field is there (the response check saw to it); a short
+        // one is read with its missing bytes as 0.
+        std::vector<unsigned char> padded;
+        const unsigned char* field = reinterpret_cast<const unsigned char*>(reply.constData()) + offset;
+        if (offset < 0 || offset + 2LL * units.size() > reply.size()) {
+            padded.resize(2 * size_t(units.size()));
+            for (size_t k = 0; k < padded.size(); ++k) padded[k] = d[static_cast<long long>(k)];
+            field = padded.data();
         }
+        if (!storeWords(field, units, keyIndex, epoch)) return 0;
         for (int k = recipe.first; k < recipe.last; ++k) {
             const _RCP_VAR_PRO e = recipeEntries.at(k);
             const Span span = bitName ? elementsWithin(e.address, e.length, base * 16, (base + count) * 16)
@@ -331,11 +363,9 @@ int parseReadReply(const QByteArray& reply, int count, int offset, const ParsedB
         return (uint32_t(d[4 * i]) << 24) | (uint32_t(d[4 * i + 1]) << 16) | (uint32_t(d[4 * i + 2]) << 8) |
                d[4 * i + 3];
     };
-    BlockUnits units(station, index, keyIndex, var.address, count);
-    for (int i = 0; i < count; ++i) {
-        int address;
-        if (!unitAddress(var.address, i, address)) break;
-        const int at = units.at(i, address);
+    const BlockUnits units(station, index, keyIndex, var.address, count);
+    for (int i = 0; i < units.size(); ++i) {
+        const int at = units.at(i);
         const uint32_t v = valueAt(i);
         _DATA_& entry = driver.dataArea[at];
         const int fresh = static_cast<int>(v);

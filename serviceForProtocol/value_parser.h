@@ -14,7 +14,7 @@ int analyzeFrameOfVal(QByteArray reply, int count, int offset, VARIABLE var);
 // the frame itself.
 struct ParsedBlock {
     int32_t station;
-    QString reg;
+    const QString& reg;
     int32_t address;
     int32_t length;
     const unsigned char* data;

@@ -17,21 +17,17 @@ void settleUnit(const UnitRegister& r, const UnitStep& u, int address, bool ok) 
     _DATA_& e = driver.dataArea[u.entry];
     switch (r.kind) {
         case Unit::Word:
+        case Unit::DWord:
             e.writeValid = 0;
             if (ok) {
-                std::memcpy(e.readValue, e.writeValue, 2);
-            } else {
+                std::memcpy(e.readValue, e.writeValue, r.kind == Unit::Word ? 2 : 4);
+            } else if (r.kind == Unit::Word) {
                 int written = uchar2int16(e.writeValue[0], e.writeValue[1]);
                 int read = uchar2int16(e.readValue[0], e.readValue[1]);
                 _wordDataChange(&written, &read, u.entry, 0);
-            }
-            break;
-        case Unit::DWord:
-            e.writeValid = 0;
-            if (ok)
-                std::memcpy(e.readValue, e.writeValue, 4);
-            else
+            } else {
                 _dwordDataChange(nullptr, nullptr, u.entry, 0);
+            }
             break;
         case Unit::Bit:
             e.writeValid = 0;

@@ -62,7 +62,7 @@ TEST_F(DataArea, LookupCreatesZeroEntriesWithStableIndexes) {
 
 TEST_F(DataArea, IndexFollowsTheListWhenEmptiedOrChangedBehindIt) {
     // Other lists and keys outside the catalogue are scanned linearly.
-    QList<_DATA_> other;
+    QVector<_DATA_> other;
     EXPECT_EQ(getIndexOfDataArea(1, "DM", 5, other), 0);
     EXPECT_EQ(getIndexOfDataArea(1, "DM", 6, other), 1);
     EXPECT_EQ(getIndexOfDataArea(1, "DM", 5, other), 0);
