@@ -844,10 +844,12 @@ def prepare(args, pool, work):
     t0 = time.monotonic()
     rc = run_logged(tests_cmd(build, args.labels, args.jobs, 600, False), work / "baseline.log")
     secs = time.monotonic() - t0
+    log = (work / "baseline.log").read_text(errors="replace")
+    if "No tests were found" in log:
+        raise Failure(f"no test has a label matching '{args.labels}' (labels: unit, sim, e2e, stress, ...)")
     if rc != 0:
         raise Failure(f"the unmutated tree fails its tests (ctest -L '{args.labels}'), so no mutant "
                       f"can be judged; fix them first. See {work / 'baseline.log'}")
-    log = (work / "baseline.log").read_text(errors="replace")
     durations = [float(m.group(3)) for m in TEST_LINE.finditer(log)]
     timeout = args.timeout or max(20, math.ceil(5 * max(durations, default=1)))
     print(f"{len(durations)} tests pass in {secs:.0f} s; per-test timeout {timeout:g} s; "
