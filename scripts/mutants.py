@@ -469,7 +469,7 @@ class Scanner:
         while end < len(toks) and toks[end].text != ";":
             if toks[end].text in ("{", "}"):
                 return
-            end = self.match.get(end, end) + 1 if toks[end].text in "([" else end + 1
+            end = self.match.get(end, end) + 1 if toks[end].text in ("(", "[") else end + 1
         if end >= len(toks) or end == k + 1:
             return  # "return;"
         expr = self.text[toks[k + 1].start : toks[end - 1].end]
@@ -571,7 +571,7 @@ class Scanner:
         while end < len(toks) and toks[end].text != ";":
             if toks[end].text in ("{", "}"):
                 return  # a lambda or braces in it: not a plain statement
-            end = self.match.get(end, end) + 1 if toks[end].text in "([" else end + 1
+            end = self.match.get(end, end) + 1 if toks[end].text in ("(", "[") else end + 1
         if end >= len(toks):
             return
         if toks[k - 1].text in (")", "else", "do"):
