@@ -10,7 +10,7 @@ ROOT=$PWD
 JOBS=$(nproc 2>/dev/null || echo 2)
 
 PACKAGES=(cmake g++ make pkg-config qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev
-          clang libclang-rt-14-dev binutils)
+          clang libclang-rt-14-dev binutils python3)
 
 
 configure_build() {  # dir, extra cmake args...
