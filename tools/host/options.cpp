@@ -8,14 +8,11 @@ namespace kvhost {
 
 namespace {
 
-const QStringList kCommands = {QStringLiteral("info"),
-                               QStringLiteral("watch"),
-                               QStringLiteral("read"),
-                               QStringLiteral("write"),
-                               QStringLiteral("recipe-download"),
-                               QStringLiteral("recipe-upload"),
-                               QStringLiteral("demo"),
-                               QStringLiteral("serve")};
+const QStringList kCommands = {
+    QStringLiteral("info"),  QStringLiteral("watch"),           QStringLiteral("read"),
+    QStringLiteral("write"), QStringLiteral("recipe-download"), QStringLiteral("recipe-upload"),
+    QStringLiteral("demo"),  QStringLiteral("serve"),
+};
 
 bool parseParams(const QString& text, HostOptions& host, QString* error) {
     const QStringList f = text.split(QLatin1Char('#'));
