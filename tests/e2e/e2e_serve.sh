@@ -129,7 +129,7 @@ EOF
 # reach every stream, concurrent writes land, and the loop keeps its pace.
 api GET /api/stats
 before=$(field .transactionsPerSecond)
-python3 "$(dirname "$0")/serve_streams.py" "$URL" DM5 50 "$WORK/streams" &
+/usr/bin/python3 "$(dirname "$0")/serve_streams.py" "$URL" DM5 50 "$WORK/streams" &
 STREAMS_PID=$!
 for ((i = 0; i < 300; i++)); do
     [ -e "$WORK/streams.ready" ] && break
