@@ -50,6 +50,19 @@ write() {  # JSON-BODY [CURL ARGS...]
     api POST /api/write -H "Authorization: Bearer $TOKEN" -H "Origin: $URL" -d "$body" "$@"
 }
 
+# Usage errors exit 2 before anything is sent; a port in use exits 1.
+while IFS='|' read -r args sentence; do
+    expect_exit 2 "$HOST" $T $args
+    expect_in "$WORK/err" "$sentence"
+done <<'EOF'
+serve|serve needs at least one address
+serve DM0 --http 127.0.0.1|bad --http: '127.0.0.1' has no port (HOST:PORT)
+serve XY0|XY0: unknown register "XY"
+watch DM0 --allow-writes|--allow-writes goes with serve
+EOF
+expect_exit 1 "$HOST" $T serve --http 127.0.0.1:$SIM_PORT DM0
+expect_in "$WORK/err" "cannot listen on 127.0.0.1:$SIM_PORT: Address already in use"
+
 # Writes are refused outright without --allow-writes, and only loopback
 # names are served on loopback.
 serve_start plain DM5
@@ -173,6 +186,7 @@ status=$?
 elapsed=$((($(date +%s%N) - start) / 1000000))
 [ "$status" = 0 ] || fail "serve exited $status on SIGTERM"
 [ "$elapsed" -lt 5000 ] || fail "serve took $elapsed ms to stop"
+echo "stopped in $elapsed ms with 52 clients connected"
 touch "$WORK/streams.stop"
 wait $STREAMS_PID
 expect_in "$WORK/main" "summary: "

@@ -6,6 +6,7 @@
 
 #include <httplib.h>
 #include <sys/random.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
@@ -24,6 +25,7 @@ namespace {
 
 constexpr auto kStreamWait = std::chrono::seconds(5);  // a keep-alive comment at least this often
 constexpr size_t kMaxBody = 64 * 1024;
+constexpr int kBacklog = 128;
 const char* const kJson = "application/json";
 const char* const kApiHint =
     "the page is /, the API is GET /api/values, GET /api/events, GET /api/stats and POST /api/write";
@@ -92,9 +94,13 @@ HttpFront::HttpFront(ServeBackend& backend, HttpConfig config)
     const int threads = config_.threads;
     server_->new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
     server_->set_tcp_nodelay(true);
+    server_->set_socket_options([this](socket_t fd) {
+        httplib::default_socket_options(fd);
+        listenFd_ = fd;
+    });
     server_->set_payload_max_length(kMaxBody);
     // Short enough that stop() does not wait long for idle connections.
-    server_->set_keep_alive_timeout(2);
+    server_->set_keep_alive_timeout(1);
     server_->set_read_timeout(5);
     server_->set_write_timeout(5);
     routes();
@@ -117,6 +123,9 @@ bool HttpFront::bind(std::string* error) {
                      (errno ? std::string(": ") + std::strerror(errno) : std::string());
         return false;
     }
+    // The library listens with a backlog of 5: many clients connecting at
+    // once (a control room opening its pages) would wait for SYN resends.
+    if (listenFd_ >= 0) ::listen(listenFd_, kBacklog);
     port_ = static_cast<uint16_t>(port);
     const std::string h =
         config_.host.find(':') != std::string::npos ? "[" + config_.host + "]" : config_.host;
@@ -204,8 +213,7 @@ void HttpFront::routes() {
                 std::string out;
                 switch (backend_.hub().take(sub, out, kStreamWait)) {
                     case EventHub::Take::Closed:
-                        sink.done();
-                        return true;
+                        return false;  // closes the connection at once, no keep-alive wait
                     case EventHub::Take::Overflowed:
                         backend_.resync(sub);
                         return true;

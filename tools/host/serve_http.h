@@ -71,6 +71,7 @@ private:
     HttpConfig config_;
     std::unique_ptr<httplib::Server> server_;
     std::string origin_;
+    int listenFd_ = -1;
     uint16_t port_ = 0;
     bool loopbackOnly_ = false;
     bool anyAddress_ = false;
