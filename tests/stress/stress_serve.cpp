@@ -42,7 +42,9 @@ constexpr int kWritesEach = 25;
 constexpr auto kWatchdog = std::chrono::seconds(150);
 
 std::atomic<bool> stopLoop{false};
+std::atomic<bool> stopReading{false};
 std::atomic<int> writesDone{0};
+std::atomic<int> readersDone{0};
 std::atomic<int> badAnswers{0};
 std::atomic<long> reads{0};
 
@@ -72,13 +74,14 @@ void streamer(uint16_t port, std::atomic<int>* changes) {
 
 void reader(uint16_t port) {
     httplib::Client c("127.0.0.1", port);
-    while (!stopLoop.load()) {
+    while (!stopReading.load()) {
         for (const char* path : {"/api/values", "/api/stats"}) {
             auto r = c.Get(path);
             if (!r || r->status != 200) ++badAnswers;
             ++reads;
         }
     }
+    ++readersDone;
 }
 
 void writer(uint16_t port, const std::string& origin, const std::string& token, int k) {
@@ -174,6 +177,8 @@ int main(int argc, char** argv) {
         slow = slowClient(port);
         while (writesDone.load() < kWriters) std::this_thread::sleep_for(std::chrono::milliseconds(50));
         std::this_thread::sleep_for(std::chrono::seconds(1));
+        stopReading = true;
+        while (readersDone.load() < kReaders) std::this_thread::sleep_for(std::chrono::milliseconds(10));
         stopLoop = true;
     });
 

@@ -21,6 +21,20 @@ constexpr size_t kRoundTripWindow = 200;
 constexpr int kMaxUnitsPerWrite = 64;
 const QString kWriteExample = QStringLiteral("send {\"address\": \"DM100\", \"value\": 1234}");
 
+// Log lines carry the local time: localtime's time-zone state is guarded by
+// a lock inside the C library that a thread checker cannot see, so the
+// threads that log take turns here.
+std::mutex logMutex;
+
+void logLine(const QString& text, bool error) {
+    std::lock_guard<std::mutex> lock(logMutex);
+    const QString line = timeStamp() + QStringLiteral("  ") + text;
+    if (error)
+        printError(line);
+    else
+        printRaw((line + QLatin1Char('\n')).toStdString());
+}
+
 qint64 nowMs() {
     return QDateTime::currentMSecsSinceEpoch();
 }
@@ -88,7 +102,8 @@ ServeApp::ServeApp(Session& session, const Catalogue& catalogue, std::vector<Add
     const QStringList params = QString::fromStdString(session.options().params).split(QLatin1Char('#'));
     localWriteOnly_ = params.size() > 1 && params[1] == QLatin1String("1");
     const std::vector<Address>& list = watcher_.addresses();
-    for (size_t i = 0; i < list.size(); ++i)
+    for (size_t i = 0; i < list.size(); ++i) {
+        firstUnit_.push_back(units_.size());
         for (int u = 0; u < list[i].count; ++u) {
             Unit unit;
             unit.address = static_cast<int>(i);
@@ -96,6 +111,7 @@ ServeApp::ServeApp(Session& session, const Catalogue& catalogue, std::vector<Add
             unit.name = list[i].unitName(u);
             units_.push_back(unit);
         }
+    }
     HttpConfig config;
     config.host = options.host;
     config.port = options.port;
@@ -131,7 +147,9 @@ void ServeApp::run() {
     session_.onLinkEvent([this](LinkEvent e, const std::string& text) {
         if (e == LinkEvent::ConnectFailed) return;
         linkUp_ = e == LinkEvent::Connected;
-        printError(timeStamp().toStdString() + (linkUp_ ? "  connected: " : "  link lost: ") + text);
+        logLine((linkUp_ ? QStringLiteral("connected: ") : QStringLiteral("link lost: ")) +
+                    QString::fromStdString(text),
+                true);
         publishStats(true);
     });
     observer_ = session_.addExchangeObserver([this](const Exchange& ex) {
@@ -194,14 +212,7 @@ void ServeApp::publishChanges(const std::vector<Watcher::Change>& changes) {
     std::lock_guard<std::mutex> lock(mutex_);
     QJsonArray list;
     for (const Watcher::Change& c : changes) {
-        // Units are laid out address by address, unit by unit.
-        size_t i = 0;
-        for (const Unit& u : units_) {
-            if (u.address == c.address - base && u.unit == c.unit) break;
-            ++i;
-        }
-        if (i == units_.size()) continue;
-        Unit& u = units_[i];
+        Unit& u = units_[firstUnit_[static_cast<size_t>(c.address - base)] + static_cast<size_t>(c.unit)];
         u.value = c.value;
         u.known = true;
         u.changedMs = now;
@@ -399,9 +410,8 @@ ServeBackend::Reply ServeApp::write(const QByteArray& body, const std::string& p
             reply = failure(503, result);
             break;
     }
-    printRaw((timeStamp() +
-              QStringLiteral("  web write %1 from %2: %3\n").arg(what, QString::fromStdString(peer), result))
-                 .toStdString());
+    logLine(QStringLiteral("web write %1 from %2: %3").arg(what, QString::fromStdString(peer), result),
+            false);
     return reply;
 }
 

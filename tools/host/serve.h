@@ -98,7 +98,8 @@ private:
     // Shared with the HTTP threads; publishing happens under it too, so that
     // a snapshot and the stream that follows it never disagree.
     mutable std::mutex mutex_;
-    std::vector<Unit> units_;
+    std::vector<Unit> units_;        // address by address, unit by unit
+    std::vector<size_t> firstUnit_;  // of each address
     QJsonObject stats_;
 };
 
