@@ -97,8 +97,7 @@ ServeApp::ServeApp(Session& session, const Catalogue& catalogue, std::vector<Add
       catalogue_(catalogue),
       options_(options),
       watcher_(session, std::move(addresses)),
-      hub_(limits.queueLimit),
-      maxStreams_(limits.maxStreams) {
+      hub_(limits.queueLimit) {
     const QStringList params = QString::fromStdString(session.options().params).split(QLatin1Char('#'));
     localWriteOnly_ = params.size() > 1 && params[1] == QLatin1String("1");
     const std::vector<Address>& list = watcher_.addresses();

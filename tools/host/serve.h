@@ -83,7 +83,6 @@ private:
     std::string token_;
     bool localWriteOnly_ = false;
     int observer_ = -1;
-    size_t maxStreams_;
 
     // The loop thread's own.
     int blocks_ = 0;
