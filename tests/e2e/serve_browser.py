@@ -14,11 +14,12 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.support.ui import WebDriverWait
 
 url, token, shot = sys.argv[1:4]
+profile = tempfile.TemporaryDirectory()
 options = Options()
 options.binary_location = "/usr/bin/chromium"
 for a in ("--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--no-first-run",
           "--disable-background-networking", "--disable-component-update", "--disable-sync",
-          "--user-data-dir=" + tempfile.mkdtemp(), "--window-size=1000,760"):
+          "--user-data-dir=" + profile.name, "--window-size=1000,760"):
     options.add_argument(a)
 browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
 wait = WebDriverWait(browser, 20, poll_frequency=0.05)
@@ -52,3 +53,4 @@ try:
     browser.save_screenshot(shot)
 finally:
     browser.quit()
+    profile.cleanup()
