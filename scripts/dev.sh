@@ -10,6 +10,7 @@ ROOT=$PWD
 JOBS=$(nproc 2>/dev/null || echo 2)
 
 PACKAGES=(cmake g++ make pkg-config qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev
+          libcpp-httplib-dev chromium chromium-driver python3-selenium curl jq
           clang libclang-rt-14-dev binutils python3)
 
 

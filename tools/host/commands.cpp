@@ -75,7 +75,7 @@ bool prepareCommand(const CommandLine& cl, const Catalogue& catalogue, const Dri
                     PreparedCommand& out, QString* error) {
     PreparedCommand p;
     const QString& cmd = cl.command;
-    if (cmd == QLatin1String("watch") || cmd == QLatin1String("read")) {
+    if (cmd == QLatin1String("watch") || cmd == QLatin1String("read") || cmd == QLatin1String("serve")) {
         for (const QString& a : cl.args) {
             Address address;
             if (!parseAddress(catalogue, api, a, Access::Read, address, error)) return false;

@@ -14,7 +14,7 @@
 namespace kvhost {
 
 struct PreparedCommand {
-    std::vector<Address> addresses;    // watch, read
+    std::vector<Address> addresses;    // watch, read, serve
     std::vector<WriteRequest> writes;  // write
     std::vector<RecipeRow> rows;       // recipe-download, recipe-upload
     QString file;

@@ -5,6 +5,7 @@
 #include "driver_loader.h"
 #include "options.h"
 #include "output.h"
+#include "serve.h"
 #include "session.h"
 
 #include <QCoreApplication>
@@ -99,6 +100,8 @@ int main(int argc, char** argv) {
         status = runRecipeDownload(session, prepared);
     else if (cmd == QLatin1String("recipe-upload"))
         status = runRecipeUpload(session, prepared);
+    else if (cmd == QLatin1String("serve"))
+        status = runServe(session, catalogue, prepared, cl.serve);
     else
         status = runDemo(session, catalogue);
     session.printSummary();

@@ -60,8 +60,6 @@ bool parseDriverMessage(const QString& message, FrameName& out) {
     return true;
 }
 
-namespace {
-
 KEY_ADDRESS conditionKey(const Address& a, int count) {
     if (a.reg->kind != RegKind::Bit) return keyFor(a, count);
     // The driver reads 16 bits (R, B) or 16 contacts (T, C) for every one
@@ -75,8 +73,6 @@ KEY_ADDRESS conditionKey(const Address& a, int count) {
     if (a.address + covered - 1 > last) key.address = std::max(a.reg->minAddress, last - covered + 1);
     return key;
 }
-
-}  // namespace
 
 ReadResult readAddress(Session& session, const Address& address) {
     ReadResult r;
@@ -205,6 +201,7 @@ int Watcher::registerAll() {
 }
 
 void Watcher::report(const QString& name, int address) {
+    std::lock_guard<std::mutex> lock(pendingMutex_);
     for (size_t i = 0; i < addresses_.size(); ++i) {
         const Address& a = addresses_[i];
         if (name == a.reg->name && address >= a.address && address < a.address + a.count)
@@ -219,9 +216,14 @@ uint32_t Watcher::valueOf(const Address& a, int unit) {
 }
 
 std::vector<Watcher::Change> Watcher::takeChanges() {
+    std::vector<std::pair<int, int>> pending;
+    {
+        std::lock_guard<std::mutex> lock(pendingMutex_);
+        pending.swap(pending_);
+    }
     std::vector<Change> changes;
     std::set<std::pair<int, int>> seen;
-    for (const auto& p : pending_) {
+    for (const auto& p : pending) {
         if (!seen.insert(p).second) continue;
         const Address& a = addresses_[static_cast<size_t>(p.first)];
         const uint32_t v = valueOf(a, p.second);
@@ -230,13 +232,15 @@ std::vector<Watcher::Change> Watcher::takeChanges() {
         last_[p] = v;
         changes.push_back({&a, p.second, v});
     }
-    pending_.clear();
     return changes;
 }
 
 std::vector<Watcher::Change> Watcher::snapshot() {
     std::vector<Change> all;
-    pending_.clear();
+    {
+        std::lock_guard<std::mutex> lock(pendingMutex_);
+        pending_.clear();
+    }
     for (size_t i = 0; i < addresses_.size(); ++i) {
         const Address& a = addresses_[i];
         for (int u = 0; u < a.count; ++u) {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <vector>
 
 namespace kvhost {
@@ -29,6 +30,10 @@ struct ReadResult {
     std::vector<uint32_t> values;
     Session::RunResult run = Session::RunResult::Done;
 };
+// The key of a condition read of the first count units of an address (bit
+// registers are read in whole words that stay inside the register).
+KEY_ADDRESS conditionKey(const Address& a, int count);
+
 // One condition read of the whole address, then intf_getData.
 ReadResult readAddress(Session& session, const Address& address);
 
@@ -49,7 +54,8 @@ std::vector<WriteResult> writeAll(Session& session, const std::vector<WriteReque
 
 // Registers addresses with intf_addrMerge and turns the driver's change
 // reports into (unit name, value) pairs, read with intf_getData right after
-// the report.
+// the report. Reports may come from any thread (intf_setData reports the
+// value it shows at once); the rest belongs to the loop thread.
 class Watcher {
 public:
     struct Change {
@@ -79,6 +85,7 @@ private:
 
     Session& session_;
     std::vector<Address> addresses_;
+    std::mutex pendingMutex_;                   // taken without the driver's lock held by this class
     std::vector<std::pair<int, int>> pending_;  // address index, unit
     std::map<std::pair<int, int>, uint32_t> last_;
     int cyclicReads_ = 0;

@@ -11,7 +11,8 @@ namespace {
 const QStringList kCommands = {
     QStringLiteral("info"),  QStringLiteral("watch"),           QStringLiteral("read"),
     QStringLiteral("write"), QStringLiteral("recipe-download"), QStringLiteral("recipe-upload"),
-    QStringLiteral("demo")};
+    QStringLiteral("demo"),  QStringLiteral("serve"),
+};
 
 bool parseParams(const QString& text, HostOptions& host, QString* error) {
     const QStringList f = text.split(QLatin1Char('#'));
@@ -42,6 +43,20 @@ bool parseParams(const QString& text, HostOptions& host, QString* error) {
     return true;
 }
 
+// serve --http HOST:PORT, where port 0 picks a free one.
+bool parseListenAddress(const QString& text, ServeOptions& serve, QString* error) {
+    std::string t = text.toStdString();
+    const bool anyPort = t.size() > 2 && t.compare(t.size() - 2, 2, ":0") == 0;
+    if (anyPort) t.back() = '1';
+    std::string why;
+    if (!parseHostPort(t, serve.host, serve.port, &why)) {
+        *error = QStringLiteral("bad --http: ") + QString::fromStdString(why);
+        return false;
+    }
+    if (anyPort) serve.port = 0;
+    return true;
+}
+
 }  // namespace
 
 bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* error) {
@@ -56,8 +71,11 @@ bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* e
     const QCommandLineOption trace(QStringLiteral("trace"));
     const QCommandLineOption driver(QStringLiteral("driver"), QString(), QStringLiteral("PATH"));
     const QCommandLineOption forOption(QStringLiteral("for"), QString(), QStringLiteral("SECONDS"));
+    const QCommandLineOption http(QStringLiteral("http"), QString(), QStringLiteral("HOST:PORT"));
+    const QCommandLineOption allowWrites(QStringLiteral("allow-writes"));
     const QCommandLineOption help(QStringList{QStringLiteral("h"), QStringLiteral("help")});
-    p.addOptions({tcp, serial, serialParams, params, timeout, trace, driver, forOption, help});
+    p.addOptions(
+        {tcp, serial, serialParams, params, timeout, trace, driver, forOption, http, allowWrites, help});
     if (!p.parse(arguments)) {
         *error = p.errorText();
         return false;
@@ -121,10 +139,15 @@ bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* e
         if (!ok || !(c.forSeconds > 0) || c.forSeconds > 1e7)
             return fail(QStringLiteral("bad --for '%1' (seconds, more than 0)").arg(p.value(forOption)));
     }
+    if ((p.isSet(http) || p.isSet(allowWrites)) && c.command != QLatin1String("serve"))
+        return fail(QStringLiteral("--%1 goes with serve").arg(p.isSet(http) ? "http" : "allow-writes"));
+    if (p.isSet(http) && !parseListenAddress(p.value(http), c.serve, error)) return false;
+    c.serve.allowWrites = p.isSet(allowWrites);
     const QString& cmd = c.command;
     if ((cmd == QLatin1String("info") || cmd == QLatin1String("demo")) && !c.args.isEmpty())
         return fail(QStringLiteral("%1 takes no arguments").arg(cmd));
-    if ((cmd == QLatin1String("watch") || cmd == QLatin1String("read") || cmd == QLatin1String("write")) &&
+    if ((cmd == QLatin1String("watch") || cmd == QLatin1String("read") || cmd == QLatin1String("write") ||
+         cmd == QLatin1String("serve")) &&
         c.args.isEmpty())
         return fail(QStringLiteral("%1 needs at least one address").arg(cmd));
     if (cmd.startsWith(QLatin1String("recipe-")) && c.args.size() != 1)
@@ -132,7 +155,8 @@ bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* e
     if (cmd == QLatin1String("demo") && c.linkGiven)
         return fail(
             QStringLiteral("demo runs against the embedded simulator only; leave out --tcp and --serial"));
-    if (cmd == QLatin1String("demo")) c.host.liveSimulator = true;
+    if (cmd == QLatin1String("demo") || (cmd == QLatin1String("serve") && !c.linkGiven))
+        c.host.liveSimulator = true;
     out = c;
     return true;
 }

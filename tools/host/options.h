@@ -11,6 +11,13 @@
 
 namespace kvhost {
 
+// serve: where the web HMI listens, and whether it may write.
+struct ServeOptions {
+    std::string host = "127.0.0.1";
+    uint16_t port = 8080;  // 0: a free one
+    bool allowWrites = false;
+};
+
 struct CommandLine {
     HostOptions host;
     bool linkGiven = false;
@@ -18,6 +25,7 @@ struct CommandLine {
     QString command = QStringLiteral("demo");
     QStringList args;
     double forSeconds = 0;  // watch --for; 0 = until interrupted
+    ServeOptions serve;
     bool help = false;
 };
 
