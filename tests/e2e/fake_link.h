@@ -45,8 +45,11 @@ public:
     std::vector<std::vector<uint8_t>> sent;
     int flushedBytes = 0;
     Micros timeout = 500000;
+    bool silenceLost = true;  // a network link: silence means a dead connection
 
     std::string describe() const override { return "fake"; }
+    std::string peer() const override { return "fake"; }
+    bool silenceMeansLost() const override { return silenceLost; }
     bool open(std::string* error) override {
         openTimes.push_back(clock_.now());
         bool ok = true;

@@ -3,6 +3,7 @@
 #include "address.h"
 #include "commands.h"
 #include "driver_loader.h"
+#include "link_factory.h"
 #include "link_serial.h"
 #include "link_tcp.h"
 #include "operations.h"
@@ -233,8 +234,17 @@ TEST(LinkSettings, SerialParametersAndTcpEndpoints) {
     EXPECT_FALSE(parseSerialParams("9600,8,EVEN", p, &why));
 
     // 9600 baud, 8E1 = 11 bits a character: 17 bytes take 19.479 ms, plus the margin.
-    SerialLink link("/dev/null", SerialParams(), 100000);
-    EXPECT_EQ(link.replyTimeout(17), 19479 + 100000);
+    HostOptions o;
+    o.link = HostOptions::LinkKind::Serial;
+    o.serialDevice = "/dev/null";
+    o.timeoutMs = 100;
+    const std::unique_ptr<Link> serial = makeLink(o, 0);
+    EXPECT_EQ(serial->replyTimeout(17), 19479 + 100000);
+    EXPECT_FALSE(serial->silenceMeansLost());  // a quiet line is not a lost device
+    EXPECT_EQ(serial->describe(), "serial /dev/null 9600,8,EVEN,1");
+    o.link = HostOptions::LinkKind::Embedded;
+    EXPECT_EQ(makeLink(o, 4321)->describe(), "tcp 127.0.0.1:4321");
+    EXPECT_TRUE(makeLink(o, 4321)->silenceMeansLost());
 
     std::string host;
     uint16_t port = 0;

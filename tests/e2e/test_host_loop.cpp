@@ -254,11 +254,10 @@ TEST_F(LoopTest, RepliesMissingThreeTimesInARowMeanADeadConnection) {
     while (link.openTimes.size() < 2) loop.step();
     EXPECT_EQ(link.openTimes[1] - lost, 100 * kMs);
 
-    // Switched off (serial lines): silence closes nothing.
-    CommLoop::Config config;
-    config.silentRepliesBeforeReconnect = 0;
+    // A link whose silence means nothing (serial lines) is never closed for it.
     FakeLink quiet(clock);
-    CommLoop serial(&ScriptedDriver::getSendFrame, &ScriptedDriver::dealRcvFrame, quiet, clock, config);
+    quiet.silenceLost = false;
+    CommLoop serial(&ScriptedDriver::getSendFrame, &ScriptedDriver::dealRcvFrame, quiet, clock);
     for (int i = 0; i < 6; ++i) serial.step();
     EXPECT_TRUE(serial.linkUp());
     EXPECT_EQ(quiet.openTimes.size(), 1u);

@@ -142,7 +142,7 @@ CommLoop::Step CommLoop::step() {
     if (ex.linkLost) {
         lost = why.empty() ? "link lost" : why;
     } else if (ex.timedOut && got == 0 && config_.silentRepliesBeforeReconnect > 0 &&
-               ++silentReplies_ >= config_.silentRepliesBeforeReconnect) {
+               link_.silenceMeansLost() && ++silentReplies_ >= config_.silentRepliesBeforeReconnect) {
         silentReplies_ = 0;
         lost = "no reply to " + std::to_string(config_.silentRepliesBeforeReconnect) + " requests in a row";
     } else if (got > 0) {

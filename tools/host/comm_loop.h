@@ -41,7 +41,7 @@ public:
         Micros backoffInitial = 100000;
         Micros backoffMax = 2000000;
         // Replies missing entirely this many times in a row mean a dead
-        // connection (a pulled cable closes nothing): reconnect. 0 = never.
+        // connection on a link whose silence means so: reconnect. 0 = never.
         int silentRepliesBeforeReconnect = 3;
     };
 

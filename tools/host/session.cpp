@@ -1,6 +1,6 @@
 #include "session.h"
 
-#include "link_tcp.h"
+#include "link_factory.h"
 #include "output.h"
 #include "trace.h"
 
@@ -45,37 +45,24 @@ std::string Session::linkDescription() const {
 }
 
 bool Session::start(std::string* error) {
-    const Micros timeout = static_cast<Micros>(options_.timeoutMs) * 1000;
-    const Micros connectTimeout = std::max<Micros>(kSecond, 2 * timeout);
-    CommLoop::Config config;
-    switch (options_.link) {
-        case HostOptions::LinkKind::Embedded: {
+    uint16_t embeddedPort = 0;
+    if (options_.link == HostOptions::LinkKind::Embedded) {
 #ifdef KV_HOST_EMBEDDED_SIM
-            kvsim::Options simOptions;
-            simOptions.live = options_.liveSimulator;
-            simulator_ = std::make_unique<kvsim::Simulator>(simOptions);
-            std::string why;
-            if (!simulator_->startTcp("127.0.0.1", 0, &why)) {
-                if (error) *error = "cannot start the embedded simulator: " + why;
-                return false;
-            }
-            link_ = std::make_unique<TcpLink>("127.0.0.1", simulator_->port(), connectTimeout, timeout);
-#else
-            if (error)
-                *error = "this build has no embedded simulator: give --tcp HOST:PORT or --serial DEVICE";
+        kvsim::Options simOptions;
+        simOptions.live = options_.liveSimulator;
+        simulator_ = std::make_unique<kvsim::Simulator>(simOptions);
+        std::string why;
+        if (!simulator_->startTcp("127.0.0.1", 0, &why)) {
+            if (error) *error = "cannot start the embedded simulator: " + why;
             return false;
-#endif
-            break;
         }
-        case HostOptions::LinkKind::Tcp:
-            link_ = std::make_unique<TcpLink>(options_.tcpHost, options_.tcpPort, connectTimeout, timeout);
-            break;
-        case HostOptions::LinkKind::Serial:
-            link_ = std::make_unique<SerialLink>(options_.serialDevice, options_.serial, timeout);
-            // A quiet serial line says nothing about the device being gone.
-            config.silentRepliesBeforeReconnect = 0;
-            break;
+        embeddedPort = simulator_->port();
+#else
+        if (error) *error = "this build has no embedded simulator: give --tcp HOST:PORT or --serial DEVICE";
+        return false;
+#endif
     }
+    link_ = makeLink(options_, embeddedPort);
 
     runtime_ = std::make_unique<Runtime>(api_);
     runtime_->init(options_.params);
@@ -88,7 +75,7 @@ bool Session::start(std::string* error) {
         if (changeHandler_) changeHandler_(context, station, name, address);
     });
 
-    loop_ = std::make_unique<CommLoop>(api_.getSendFrame, api_.dealRcvFrame, *link_, clock_, config);
+    loop_ = std::make_unique<CommLoop>(api_.getSendFrame, api_.dealRcvFrame, *link_, clock_);
     loop_->onExchange([this](const Exchange& ex) { handleExchange(ex); });
     loop_->onLinkEvent([this](LinkEvent e, const std::string& text) { handleLink(e, text); });
     if (!loop_->connectNow()) {
