@@ -173,10 +173,13 @@ constexpr int rowOf(const char* name) {
     return detail::rowOfPrefix(name, detail::length(name));
 }
 
+namespace detail {
+inline constexpr Traits NO_TRAITS{};
+}
+
 // The traits of a row; a row outside the catalogue has Kind::None.
 constexpr const Traits& traits(int row) {
-    constexpr Traits none{};
-    return row >= 0 && row < REG_COUNT ? REG_TRAITS.row[row] : none;
+    return row >= 0 && row < REG_COUNT ? REG_TRAITS.row[row] : detail::NO_TRAITS;
 }
 
 // The catalogue rows of each kind, checked against what the device is.

@@ -71,9 +71,9 @@ TEST_F(HostArgs, CatalogueComesFromTheDriver) {
     EXPECT_EQ(catalogue_->registers().size(), 28u);
     const RegisterInfo* tc = catalogue_->find(QStringLiteral("TC"));
     ASSERT_NE(tc, nullptr);
-    EXPECT_EQ(tc->kind, RegKind::Dword);
+    EXPECT_EQ(tc->unit(), kvreg::Unit::DWord);
     EXPECT_EQ(tc->maxAddress, 9999);
-    EXPECT_FALSE(catalogue_->find(QStringLiteral("T"))->writable);
+    EXPECT_FALSE(catalogue_->find(QStringLiteral("T"))->writable());
     EXPECT_EQ(catalogue_->find(QStringLiteral("B"))->maxAddress, 0x3FFF);
     EXPECT_EQ(catalogue_->find(QStringLiteral("MR_bit"))->maxAddress, 999 * 16 + 15);
 }

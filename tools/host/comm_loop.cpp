@@ -132,7 +132,7 @@ CommLoop::Step CommLoop::step() {
     ex.reply = QByteArray(reinterpret_cast<const char*>(buffer_), got);
     QByteArray reply = ex.reply;
     ex.result = dealRcvFrame_(&reply, &ex.message);
-    if (ex.result == 8) {
+    if (ex.result == KV_DEAL_RETRY) {
         ex.retry = ++rejections_;
     } else {
         rejections_ = 0;

@@ -11,15 +11,17 @@ namespace kvhost {
 
 namespace {
 
-QString sizeText(RegKind k) {
-    switch (k) {
-        case RegKind::Bit:
-        case RegKind::WordBit:
+QString sizeText(kvreg::Unit u) {
+    switch (u) {
+        case kvreg::Unit::Bit:
+        case kvreg::Unit::BitInWord:
             return QStringLiteral("bit");
-        case RegKind::Word:
+        case kvreg::Unit::Word:
             return QStringLiteral("16-bit");
-        case RegKind::Dword:
+        case kvreg::Unit::DWord:
             return QStringLiteral("32-bit");
+        case kvreg::Unit::None:
+            break;
     }
     return QString();
 }
@@ -127,8 +129,8 @@ int runInfo(const DriverApi& api, const Catalogue& catalogue) {
                       .arg(r.format, -10)
                       .arg(r.min, -6)
                       .arg(r.max, -10)
-                      .arg(sizeText(r.kind), -7)
-                      .arg(r.writable ? QStringLiteral("read/write") : QStringLiteral("read only")));
+                      .arg(sizeText(r.unit()), -7)
+                      .arg(r.writable() ? QStringLiteral("read/write") : QStringLiteral("read only")));
     }
     return 0;
 }

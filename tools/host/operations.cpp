@@ -63,7 +63,7 @@ bool parseDriverMessage(const QString& message, FrameName& out) {
 namespace {
 
 KEY_ADDRESS conditionKey(const Address& a, int count) {
-    if (a.reg->kind != RegKind::Bit) return keyFor(a, count);
+    if (a.reg->unit() != kvreg::Unit::Bit) return keyFor(a, count);
     // The driver reads 16 bits (R, B) or 16 contacts (T, C) for every one
     // asked: ask for a sixteenth, and start early enough that the range
     // read stays inside the register.
@@ -196,7 +196,7 @@ int Watcher::registerAll() {
     session_.onChange([this](int, int, const QString& name, int address) { report(name, address); });
     if (observer_ >= 0) session_.removeExchangeObserver(observer_);
     observer_ = session_.addExchangeObserver([this](const Exchange& ex) {
-        if (ex.frame->id == 4 && ex.frame->elementCount > 0 && (ex.result == 1 || ex.result == 2))
+        if (ex.cyclicRead() && (ex.result == KV_DEAL_ACCEPTED || ex.result == KV_DEAL_ABANDONED))
             ++cyclicReads_;
     });
     const int blocks = session_.api().addrMerge(keys);

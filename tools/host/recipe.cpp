@@ -21,7 +21,7 @@ RecipeResult runTransfer(Session& session, const std::vector<RecipeRow>& rows, b
     QString failed;
     const int observer = session.addExchangeObserver([&](const Exchange& ex) {
         FrameName f;
-        if (ex.result != 2 || !failed.isEmpty() || !parseDriverMessage(ex.message, f)) return;
+        if (ex.result != KV_DEAL_ABANDONED || !failed.isEmpty() || !parseDriverMessage(ex.message, f)) return;
         for (const RecipeRow& row : rows)
             if (overlaps(f, row)) failed = ex.message;
     });
@@ -149,7 +149,7 @@ QVector<_RCP_VAR_PRO> recipeEntries(const std::vector<RecipeRow>& rows, int prot
         e.protocolId = protocolId;
         e.station = 1;
         e.reg = a.reg->name;
-        if (a.reg->kind == RegKind::Dword) {
+        if (a.reg->unit() == kvreg::Unit::DWord) {
             // One entry per value: a read fills one value per entry.
             for (int i = 0; i < a.count; ++i) {
                 e.address = a.address + i;
@@ -179,7 +179,8 @@ RecipeResult recipeDownload(Session& session, const std::vector<RecipeRow>& rows
         int w = offsets[r];
         for (uint32_t v : row.values) {
             buffer[w++] = static_cast<unsigned short>(v & 0xFFFF);
-            if (row.address.reg->kind == RegKind::Dword) buffer[w++] = static_cast<unsigned short>(v >> 16);
+            if (row.address.reg->unit() == kvreg::Unit::DWord)
+                buffer[w++] = static_cast<unsigned short>(v >> 16);
         }
     }
     return runTransfer(session, rows, true);
@@ -202,7 +203,7 @@ RecipeResult recipeUpload(Session& session, std::vector<RecipeRow>& rows) {
         int w = offsets[r];
         for (int i = 0; i < row.address.count; ++i) {
             uint32_t v = buffer[w++];
-            if (row.address.reg->kind == RegKind::Dword) v |= static_cast<uint32_t>(buffer[w++]) << 16;
+            if (row.address.reg->unit() == kvreg::Unit::DWord) v |= static_cast<uint32_t>(buffer[w++]) << 16;
             if (row.address.reg->isBit()) v &= 1;
             row.values.push_back(v);
         }

@@ -93,12 +93,12 @@ void Session::handleExchange(const Exchange& ex) {
     if (options_.trace) printRaw(traceExchange(ex));
     // Only real replies count as signs of life: the handshake's lone
     // acknowledge bytes are "accepted" without any.
-    if (ex.result == 1 && ex.expected > 0) {
+    if (ex.result == KV_DEAL_ACCEPTED && ex.expected > 0) {
         lastAccepted_ = clock_.now();
         if (ex.message != kHandshakeMessage) handshakeFailures_ = 0;
     }
-    if (ex.result == 2 && ex.message == kHandshakeMessage) ++handshakeFailures_;
-    if (cyclicBlocks_ > 0 && ex.frame->id == 4 && ex.frame->elementCount > 0 && ex.result != 8 &&
+    if (ex.result == KV_DEAL_ABANDONED && ex.message == kHandshakeMessage) ++handshakeFailures_;
+    if (cyclicBlocks_ > 0 && ex.cyclicRead() && ex.result != KV_DEAL_RETRY &&
         ++cyclicInPass_ >= cyclicBlocks_) {
         const Micros now = clock_.now();
         cyclicInPass_ = 0;
@@ -108,8 +108,8 @@ void Session::handleExchange(const Exchange& ex) {
     const int id = ex.frame->id;
     if (id >= 1000 && id < nextId_) {
         RequestOutcome& o = outcomes_[id];
-        if (ex.result == 1) ++o.accepted;
-        if (ex.result == 2) {
+        if (ex.result == KV_DEAL_ACCEPTED) ++o.accepted;
+        if (ex.result == KV_DEAL_ABANDONED) {
             o.failed = true;
             o.message = ex.message;
         }

@@ -11,9 +11,9 @@ void Stats::record(const Exchange& ex) {
     bytesSent_ += static_cast<uint64_t>(std::max(0, ex.frame ? ex.frame->sendLength : 0));
     bytesReceived_ += static_cast<uint64_t>(ex.reply.size());
     if (ex.timedOut) ++timeouts_;
-    if (ex.result == 8) ++retries_;
-    if (ex.result == 2) ++abandoned_;
-    if (ex.result == 1) {
+    if (ex.result == KV_DEAL_RETRY) ++retries_;
+    if (ex.result == KV_DEAL_ABANDONED) ++abandoned_;
+    if (ex.result == KV_DEAL_ACCEPTED) {
         ++accepted_;
         if (ex.expected > 0) roundTrips_.push_back(ex.roundTrip);
     }
