@@ -26,7 +26,7 @@ expect_in "$WORK/err" "T5: T is read-only and cannot be written"
 expect_exit 2 "$HOST" $T read R5.x
 expect_in "$WORK/err" 'R5.x: malformed address "5.x" for R (word.bit, e.g. R10.05)'
 expect_exit 2 "$HOST" $T write DM100=65536
-expect_in "$WORK/err" "value 65536 is out of range for DM"
+expect_in "$WORK/err" "value 65536 is too large for DM (at most 65535)"
 expect_exit 2 "$HOST" $T watch
 expect_in "$WORK/err" "watch needs at least one address"
 expect_exit 2 "$HOST" $T frobnicate

@@ -130,6 +130,15 @@ TEST_F(HostArgs, BadAddressesSayWhatIsWrong) {
     EXPECT_EQ(refusal("DM1:0"), QStringLiteral("DM1:0: malformed count \"0\" (a number of units from 1 up)"));
     EXPECT_EQ(refusal("DM1:513"), QStringLiteral("DM1:513: count 513 is too large (at most 512 for DM)"));
     EXPECT_EQ(refusal("T5", Access::Write), QStringLiteral("T5: T is read-only and cannot be written"));
+    EXPECT_EQ(refusal("ZZ9"), QStringLiteral("ZZ9: unknown register \"ZZ\" ('kv3000-host info' lists them)"));
+    EXPECT_EQ(refusal("DM+5"), QStringLiteral("DM+5: malformed address \"+5\" for DM (decimal, e.g. DM10)"));
+    EXPECT_EQ(refusal("T-0"), QStringLiteral("T-0: malformed address \"-0\" for T (decimal, e.g. T10)"));
+    EXPECT_EQ(refusal("TRM1x"),
+              QStringLiteral("TRM1x: malformed address \"1x\" for TRM (decimal, e.g. TRM7)"));
+    EXPECT_EQ(refusal("DM99999999999"),
+              QStringLiteral("DM99999999999: out of range: DM addresses run from 0 to 65535"));
+    EXPECT_EQ(refusal("DM1:9999999"),
+              QStringLiteral("DM1:9999999: count 9999999 is too large (at most 512 for DM)"));
     Address a;
     EXPECT_TRUE(parse("T5", Access::Read, a));
 }
@@ -152,6 +161,12 @@ TEST_F(HostArgs, WriteArgumentsTakeOneValueForAllOrOnePerUnit) {
     EXPECT_EQ(why, QStringLiteral("DM100:3=1,2: 2 values for 3 units (give one for all, or one per unit)"));
     EXPECT_FALSE(parseWriteArgument(*catalogue_, api_, QStringLiteral("R5.03=2"), w, &why));
     EXPECT_EQ(why, QStringLiteral("R5.03=2: value 2 is out of range for R (a bit: 0 or 1)"));
+    EXPECT_FALSE(parseWriteArgument(*catalogue_, api_, QStringLiteral("DM5=99999999999999999999"), w, &why));
+    EXPECT_EQ(why, QStringLiteral("DM5=99999999999999999999: value 99999999999999999999 is too large for DM "
+                                  "(at most 65535)"));
+    EXPECT_FALSE(parseWriteArgument(*catalogue_, api_, QStringLiteral("Z1=-2147483649"), w, &why));
+    EXPECT_EQ(why,
+              QStringLiteral("Z1=-2147483649: value -2147483649 is too small for Z (at least -2147483648)"));
     EXPECT_FALSE(parseWriteArgument(*catalogue_, api_, QStringLiteral("DM5=abc"), w, &why));
     EXPECT_EQ(why, QStringLiteral("DM5=abc: value \"abc\" is not a number (decimal or 0x hexadecimal)"));
     EXPECT_FALSE(parseWriteArgument(*catalogue_, api_, QStringLiteral("DM5"), w, &why));
