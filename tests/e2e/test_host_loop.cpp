@@ -284,6 +284,9 @@ TEST(Trace, DescribesEveryKindOfRequest) {
     EXPECT_EQ(d({0x06, 0x01, 0x00, 0xFF, 0x0C, 0x1E, 0x00, 0x00, 0x11, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00,
                  0x00, 0xA0, 0x24, 0x04}),
               "read MR 10 x2");
+    EXPECT_EQ(d({0x06, 0x01, 0x00, 0xFF, 0x0C, 0x1E, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00,
+                 0x00, 0x03, 0xD1, 0x04}),
+              "read T/TC/TS 3 x1");
     EXPECT_EQ(d({0x06, 0x01, 0x00, 0xFF, 0x10, 0x1E, 0x01, 0x00, 0x06, 0x00, 0x00, 0x00,
                  0x02, 0x00, 0x00, 0x00, 0x64, 0x12, 0x34, 0x56, 0x78, 0x52, 0x04}),
               "write DM 100 x2");
@@ -315,6 +318,57 @@ TEST(Trace, ReplyLinesSayWhatBecameOfTheReply) {
     EXPECT_EQ(describeReply(ex), "reply rejected, abandoned: 1#DM100(3) (link lost)");
     EXPECT_EQ(traceExchange(ex),
               "-> 06   acknowledge\n<- 06 01 00   reply rejected, abandoned: 1#DM100(3) (link lost)\n");
+}
+
+TEST(Trace, AcceptedRepliesSayWhatTheyCarryInOneLineEach) {
+    struct Case {
+        const char* reg;
+        std::vector<uint8_t> reply;
+        int elements;
+        const char* said;
+    };
+    auto read = [](const std::vector<uint8_t>& values) {
+        std::vector<uint8_t> r = {0x06, 0x01, 0x00, 0xFF, 0x1E, 0x00, 0x00, 0x00, 0x00};
+        for (uint8_t v : values) r.push_back(v);
+        r.push_back(0x00);
+        r.push_back(0x04);
+        return r;
+    };
+    const Case cases[] = {
+        {"DM", read({0x00, 0x01, 0x04, 0xD2}), 2, "values 1, 1234; reply accepted"},
+        {"R", read({0x80, 0x01}), 1, "values 0x8001; reply accepted"},
+        {"TC", read({0x80, 0x00, 0x01, 0x86, 0xA0, 0x00, 0x00, 0x00, 0x05}), 1,
+         "values 100000; reply accepted"},
+        {"T", read({0x80, 0x00, 0x01, 0x86, 0xA0, 0x00, 0x00, 0x00, 0x05}), 1, "values 1; reply accepted"},
+        {"Z", read({0xEE, 0x6B, 0x28, 0x00}), 1, "values 4000000000; reply accepted"},
+        {"DM", {0x06, 0x01, 0x00, 0xFF, 0x1E, 0x01, 0x06, 0x00, 0xDC, 0x04}, 0, "status 00; reply accepted"},
+    };
+    for (const Case& c : cases) {
+        FRAME_PRO f = frame({0x06, 0x01}, static_cast<int>(c.reply.size()));
+        f.reg = QLatin1String(c.reg);
+        f.elementCount = c.elements;
+        f.dataOffset = 9;
+        Exchange ex;
+        ex.frame = &f;
+        ex.expected = f.replyLength;
+        ex.reply = bytes(c.reply);
+        ex.result = KV_DEAL_ACCEPTED;
+        const std::string t = traceExchange(ex);
+        EXPECT_NE(t.find(std::string("   ") + c.said + "\n"), std::string::npos) << c.reg << ": " << t;
+    }
+    // The handshake: its reply is checked for how it starts; a lone acknowledge is one line.
+    FRAME_PRO hs = frame({0x01, 0x00, 0xFF, 0x02, 0x07, 0x01, 0xF7, 0x04}, 9);
+    Exchange ex;
+    ex.frame = &hs;
+    ex.expected = 9;
+    ex.result = KV_DEAL_ACCEPTED;
+    ex.reply = QByteArray("HTTP/1.1 ", 9);
+    EXPECT_NE(traceExchange(ex).find("not a KV-3000 reply; reply accepted"), std::string::npos);
+    FRAME_PRO ack = frame({0x06}, 0);
+    ex.frame = &ack;
+    ex.expected = 0;
+    ex.reply.clear();
+    EXPECT_EQ(traceExchange(ex), "-> 06   acknowledge\n");
 }
 
 TEST(StatsTest, CountsAndRoundTripPercentile) {

@@ -27,7 +27,7 @@ void onSignal(int) {
 // only with --trace.
 void messageHandler(QtMsgType type, const QMessageLogContext&, const QString& message) {
     if (type == QtDebugMsg || type == QtInfoMsg) {
-        if (gTraceDriver) kvhost::printLine(QStringLiteral("   driver: ") + message);
+        if (gTraceDriver) kvhost::printTrace("   driver: " + message.toStdString() + "\n");
         return;
     }
     std::fprintf(stderr, "kv3000-host: qt: %s\n", message.toLocal8Bit().constData());

@@ -21,6 +21,12 @@ void printRaw(const std::string& text) {
     std::fflush(stdout);
 }
 
+void printTrace(const std::string& text) {
+    std::fflush(stdout);
+    std::fputs(text.c_str(), stderr);
+    std::fflush(stderr);
+}
+
 void printError(const QString& line) {
     printError(line.toStdString());
 }

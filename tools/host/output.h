@@ -1,4 +1,4 @@
-// Where the host prints: results and traces on stdout, problems on stderr,
+// Where the host prints: results on stdout, traces and problems on stderr,
 // one whole line at a time.
 #ifndef KV3000_HOST_OUTPUT_H
 #define KV3000_HOST_OUTPUT_H
@@ -12,6 +12,8 @@ namespace kvhost {
 void printLine(const QString& line);
 void printLine(const std::string& line);
 void printRaw(const std::string& text);  // already ends in '\n'
+// Trace lines (already ending in '\n') on stderr, apart from the results.
+void printTrace(const std::string& text);
 // "kv3000-host: <line>" on stderr.
 void printError(const QString& line);
 void printError(const std::string& line);

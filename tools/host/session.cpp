@@ -90,7 +90,7 @@ bool Session::start(std::string* error) {
 
 void Session::handleExchange(const Exchange& ex) {
     stats_.record(ex);
-    if (options_.trace) printRaw(traceExchange(ex));
+    if (options_.trace) printTrace(traceExchange(ex));
     // Only real replies count as signs of life: the handshake's lone
     // acknowledge bytes are "accepted" without any.
     if (ex.result == KV_DEAL_ACCEPTED && ex.expected > 0) {
