@@ -102,6 +102,7 @@ protected:
 
 TEST_F(LoopTest, SendsTheFrameAndHandsBackExactlyTheExpectedReply) {
     ScriptedDriver::frames.push_back(frame({0x06, 0x01, 0x00, 0xFF}, 10));
+    link.sendTakes = 2 * kMs;
     link.answers.push_back({reply(10), 3 * kMs, false});
     CommLoop loop = makeLoop();
     EXPECT_EQ(loop.step(), CommLoop::Step::Exchanged);
@@ -111,7 +112,7 @@ TEST_F(LoopTest, SendsTheFrameAndHandsBackExactlyTheExpectedReply) {
     EXPECT_EQ(ScriptedDriver::replies[0], bytes(reply(10)));
     ASSERT_EQ(exchanges.size(), 1u);
     EXPECT_EQ(exchanges[0].result, 1);
-    EXPECT_EQ(exchanges[0].roundTrip, 3 * kMs);
+    EXPECT_EQ(exchanges[0].roundTrip, 5 * kMs);  // from the start of the send to the whole reply
     EXPECT_FALSE(exchanges[0].timedOut);
 }
 
@@ -371,28 +372,46 @@ TEST(Trace, AcceptedRepliesSayWhatTheyCarryInOneLineEach) {
     EXPECT_EQ(traceExchange(ex), "-> 06   acknowledge\n");
 }
 
-TEST(StatsTest, CountsAndRoundTripPercentile) {
+TEST(StatsTest, CountsWhatWasRetriedAndWhatFinallyFailed) {
     Stats s;
-    FRAME_PRO f = frame({1, 2, 3, 4}, 10);
-    for (int i = 1; i <= 20; ++i) {
+    FRAME_PRO write = frame({1, 2, 3, 4}, 10);
+    write.id = 1000;
+    FRAME_PRO cyclic = frame({1, 2, 3, 4}, 10);
+    cyclic.id = KV_CYCLIC_READ_ID;
+    cyclic.elementCount = 1;
+    auto record = [&](FRAME_PRO& f, int result, const char* message, Micros roundTrip = 10 * kMs) {
         Exchange ex;
         ex.frame = &f;
         ex.expected = 10;
-        ex.result = i == 20 ? 8 : 1;
+        ex.result = result;
+        ex.message = QLatin1String(message);
         ex.reply = QByteArray(10, 'x');
-        ex.roundTrip = i * kMs;
+        ex.roundTrip = roundTrip;
         s.record(ex);
-    }
+    };
+    for (int i = 1; i <= 19; ++i) record(write, KV_DEAL_ACCEPTED, "1#DM100(1)", i * kMs);
+    record(write, KV_DEAL_RETRY, "1#DM100(1)");  // retried, then through
+    record(write, KV_DEAL_ACCEPTED, "1#DM100(1)");
+    record(write, KV_DEAL_RETRY, "1#DM100(1)");  // retried, then abandoned for good
+    record(write, KV_DEAL_ABANDONED, "1#DM100(1)");
+    record(cyclic, KV_DEAL_ABANDONED, "1#DM0(1)");  // abandoned, read on the next pass
+    record(cyclic, KV_DEAL_ACCEPTED, "1#DM0(1)");
+    record(cyclic, KV_DEAL_ABANDONED, "1#DM5(1)");  // abandoned, not read since
     s.recordLink(LinkEvent::Connected);
     s.recordLink(LinkEvent::Connected);
-    EXPECT_EQ(s.transactions(), 20u);
-    EXPECT_EQ(s.retries(), 1u);
-    EXPECT_EQ(s.bytesSent(), 80u);
-    EXPECT_EQ(s.bytesReceived(), 200u);
+    EXPECT_EQ(s.frames(), 26u);
+    EXPECT_EQ(s.transactions(), 24u);
+    EXPECT_EQ(s.repeats(), 2u);
+    EXPECT_EQ(s.retried(), 2u);
+    EXPECT_EQ(s.failed(), 2u);
+    EXPECT_EQ(s.bytesSent(), 104u);
+    EXPECT_EQ(s.bytesReceived(), 260u);
     EXPECT_EQ(s.reconnects(), 1u);
-    EXPECT_DOUBLE_EQ(s.meanRoundTrip(), 10 * kMs);  // accepted ones: 1..19 ms
-    EXPECT_EQ(s.percentileRoundTrip(0.95), 19 * kMs);
-    EXPECT_NE(s.summary().find("20 transactions, 1 retries, 0 abandoned"), std::string::npos);
+    EXPECT_DOUBLE_EQ(s.meanRoundTrip(), 10 * kMs);  // accepted ones: 1..19 ms and two of 10 ms
+    EXPECT_EQ(s.percentileRoundTrip(0.95), 18 * kMs);
+    EXPECT_NE(s.summary().find("24 transactions (2 retried, 2 failed), 26 frames (2 sent again)"),
+              std::string::npos)
+        << s.summary();
 }
 
 }  // namespace

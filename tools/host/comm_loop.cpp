@@ -101,12 +101,12 @@ CommLoop::Step CommLoop::step() {
 
     std::string why;
     int got = 0;
-    Micros started = clock_.now();
+    const Micros started = clock_.now();
     if (!link_.send(frame_.frame, static_cast<size_t>(sendLength), &why)) {
         ex.linkLost = true;
     } else if (ex.expected > 0) {
-        started = clock_.now();
-        const Micros deadline = started + link_.replyTimeout(ex.expected);
+        // The reply timeout runs from the end of sending (a serial line drains first).
+        const Micros deadline = clock_.now() + link_.replyTimeout(ex.expected);
         while (got < ex.expected) {
             const Micros remaining = deadline - clock_.now();
             if (remaining <= 0) {

@@ -24,7 +24,7 @@ struct Exchange {
     int result = KV_DEAL_IDLE;  // what intf_dealRcvFrame made of the reply
     QString message;            // the driver's text for the frame
     int retry = 0;              // with result 8: how many rejections of this frame so far
-    Micros roundTrip = 0;       // from the end of sending to the last byte or the timeout
+    Micros roundTrip = 0;       // from the start of sending to the last byte or the timeout
     bool timedOut = false;      // fewer bytes than expected arrived in time
     bool linkLost = false;      // the link failed while sending or receiving
 
@@ -32,7 +32,12 @@ struct Exchange {
     bool cyclicRead() const { return frame && frame->id == KV_CYCLIC_READ_ID && frame->elementCount > 0; }
 };
 
-enum class LinkEvent { Connected, ConnectFailed, Lost };
+enum class LinkEvent {
+    Connected,
+    ConnectFailed,
+    Lost,
+    NotAController,  // the peer answers, but not like a KV-3000 (reported by the session)
+};
 
 class CommLoop {
 public:

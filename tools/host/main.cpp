@@ -101,6 +101,16 @@ int main(int argc, char** argv) {
         status = runRecipeUpload(session, prepared);
     else
         status = runDemo(session, catalogue);
-    session.printSummary();
+    // A closed output ends a command without a failure; it gets no summary.
+    if (outputClosed()) {
+        if (outputError().empty()) return 0;
+        printError("cannot write the results: " + outputError());
+        return 1;
+    }
+    // Without --output, recipe-upload's standard output is the recipe itself.
+    if (cmd == QLatin1String("recipe-upload") && cl.outputPath.isEmpty())
+        printError(session.stats().summary());
+    else
+        session.printSummary();
     return status;
 }

@@ -18,6 +18,8 @@ struct CommandLine {
     QString command = QStringLiteral("demo");
     QStringList args;
     double forSeconds = 0;  // watch --for; 0 = until interrupted
+    QString forText;        // --for as typed
+    QString outputPath;     // recipe-upload --output; empty: standard output
     bool help = false;
 };
 

@@ -17,6 +17,12 @@ void printTrace(const std::string& text);
 // "kv3000-host: <line>" on stderr.
 void printError(const QString& line);
 void printError(const std::string& line);
+// The results cannot go anywhere any more: standard output is a pipe whose
+// reader has gone, or a write to it failed. Nothing more is written to it.
+bool outputClosed();
+// Why a write failed other than by a closed pipe ("No space left on device"),
+// or empty.
+std::string outputError();
 // "12:34:56.789", local time.
 QString timeStamp();
 

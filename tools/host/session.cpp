@@ -21,6 +21,9 @@ constexpr Micros kOutageBudget = 10 * kSecond;
 // Handshakes abandoned in a row before the peer is taken for something
 // that is not a KV-3000.
 constexpr int kHandshakeFailuresAllowed = 3;
+// Handshake replies in a row that do not start like a KV-3000 reply, from a
+// peer that never sent one that did, before it is taken for something else.
+constexpr int kForeignRepliesAllowed = 2;
 // The shortest time for one pass of cyclic reads over all read blocks.
 constexpr Micros kScanPeriod = 50000;
 
@@ -91,10 +94,28 @@ bool Session::start(std::string* error) {
 void Session::handleExchange(const Exchange& ex) {
     stats_.record(ex);
     if (options_.trace) printTrace(traceExchange(ex));
+    // The driver checks a handshake reply only for its length: one that does
+    // not start like a KV-3000 reply is no sign of a controller.
+    const bool handshake = isHandshakeRequest(ex.frame->frame, static_cast<size_t>(ex.frame->sendLength));
+    bool foreign = false;
+    if (handshake && !ex.reply.isEmpty()) {
+        foreign = !startsLikeKvReply(ex.reply);
+        if (foreign) {
+            ++foreignReplies_;
+            const QByteArray start = ex.reply.left(4);
+            foreignStart_ = hexBytes(reinterpret_cast<const uint8_t*>(start.constData()),
+                                     static_cast<size_t>(start.size()));
+            if (foreignReplies_ == kForeignRepliesAllowed && !controllerSeen_)
+                handleLink(LinkEvent::NotAController, foreignPeer());
+        } else {
+            foreignReplies_ = 0;
+        }
+    }
     // Only real replies count as signs of life: the handshake's lone
     // acknowledge bytes are "accepted" without any.
-    if (ex.result == KV_DEAL_ACCEPTED && ex.expected > 0) {
+    if (ex.result == KV_DEAL_ACCEPTED && ex.expected > 0 && !foreign) {
         lastAccepted_ = clock_.now();
+        controllerSeen_ = true;
         if (ex.message != kHandshakeMessage) handshakeFailures_ = 0;
     }
     if (ex.result == KV_DEAL_ABANDONED && ex.message == kHandshakeMessage) ++handshakeFailures_;
@@ -128,6 +149,17 @@ void Session::removeExchangeObserver(int token) {
     exchangeObservers_.erase(token);
 }
 
+std::string Session::foreignPeer() const {
+    if (controllerSeen_ || foreignReplies_ == 0 || !link_) return std::string();
+    return "the peer at " + link_->peer() + " does not answer like a KV-3000 (reply starts " + foreignStart_ +
+           ")";
+}
+
+QString Session::explain(const QString& message) const {
+    const std::string foreign = foreignPeer();
+    return foreign.empty() ? message : QString::fromStdString(foreign);
+}
+
 void Session::handleLink(LinkEvent event, const std::string& text) {
     stats_.recordLink(event);
     if (linkHandler_) {
@@ -144,6 +176,8 @@ void Session::handleLink(LinkEvent event, const std::string& text) {
         case LinkEvent::ConnectFailed:
             if (options_.trace) printError("connect failed: " + text);
             break;
+        case LinkEvent::NotAController:
+            break;  // the failure of the command says so
     }
 }
 
@@ -157,9 +191,14 @@ Session::RunResult Session::runUntil(const std::function<bool()>& done, double t
     for (;;) {
         if (done()) return RunResult::Done;
         if (stop_ && stop_->load()) return RunResult::Interrupted;
+        if (outputClosed()) return RunResult::OutputClosed;
         const Micros now = clock_.now();
         if (limit > 0 && now - start >= limit) return RunResult::TimeUp;
         if (!persistent) {
+            if (!controllerSeen_ && foreignReplies_ >= kForeignRepliesAllowed) {
+                failure_ = foreignPeer();
+                return RunResult::LinkFailed;
+            }
             if (!loop_->linkUp() && now - loop_->downSince() > kOutageBudget) {
                 failure_ = "the link to " + link_->describe() + " stayed down for " +
                            std::to_string(kOutageBudget / kSecond) + " s: " + loop_->lastLinkError();
@@ -172,6 +211,7 @@ Session::RunResult Session::runUntil(const std::function<bool()>& done, double t
             if (now - lastAccepted_ > stallLimit) {
                 failure_ = "no valid reply from " + link_->describe() + " for " +
                            std::to_string(stallLimit / kSecond) + " s";
+                if (!foreignPeer().empty()) failure_ = foreignPeer();
                 return RunResult::LinkFailed;
             }
         }

@@ -141,7 +141,7 @@ int main(int argc, char** argv) {
         } else if (arg == "--live" && !hasValue) {
             options.live = true;
         } else if (arg == "--faults") {
-            if (!needValue()) return usageError("--faults needs a LIST");
+            if (!needValue() || value.empty()) return usageError("--faults needs a LIST");
             std::string why;
             if (!kvsim::parseFaultSpec(value, options.faults, &why))
                 return usageError("bad --faults: " + why);
