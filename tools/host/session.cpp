@@ -23,7 +23,7 @@ constexpr Micros kOutageBudget = 10 * kSecond;
 constexpr int kHandshakeFailuresAllowed = 3;
 // Handshake replies in a row that do not start like a KV-3000 reply, from a
 // peer that never sent one that did, before it is taken for something else.
-constexpr int kForeignRepliesAllowed = 2;
+constexpr int kForeignRepliesAllowed = 3;
 // The shortest time for one pass of cyclic reads over all read blocks.
 constexpr Micros kScanPeriod = 50000;
 
