@@ -27,7 +27,7 @@ enum DriverState {
 };
 
 // The request id of every cyclic read block.
-enum { CYCLIC_READ_ID = 4 };
+enum { CYCLIC_READ_ID = KV_CYCLIC_READ_ID };
 
 class Protocol {
 public:

@@ -172,9 +172,13 @@ TEST(Binary, HelpAndBadOptions) {
                                     "--listen", "--pty", "--faults", "--seed", "--live"})
             EXPECT_NE(out.find(section), std::string::npos) << section;
     }
-    const std::vector<std::vector<std::string>> bad = {
-        {"--bogus"},           {"--listen"},   {"--listen", "127.0.0.1"}, {"--listen", "127.0.0.1:70000"},
-        {"--faults", "jam=1"}, {"--seed", "x"}};
+    const std::vector<std::vector<std::string>> bad = {{"--bogus"},
+                                                       {"--listen"},
+                                                       {"--listen", "127.0.0.1"},
+                                                       {"--listen", "127.0.0.1:70000"},
+                                                       {"--faults", "jam=1"},
+                                                       {"--faults", ""},
+                                                       {"--seed", "x"}};
     for (const auto& args : bad) {
         Process p(args);
         EXPECT_EQ(p.rest(), "");

@@ -34,7 +34,8 @@ TEST(FaultSpec, ParsesKindsProbabilitiesAndTimes) {
 
 TEST(FaultSpec, RefusesBadTextAndKeepsTheOldSpec) {
     for (const char* bad : {"drop", "drop=", "drop=1.5", "drop=-0.1", "drop=abc", "drop=0.1x", "jam=0.1",
-                            "drop=0.1:50", "delay=0.1:", "delay=0.1:-5", "delay=0.1:abc", "=0.1"}) {
+                            "drop=0.1:50", "delay=0.1:", "delay=0.1:-5", "delay=0.1:abc", "=0.1",
+                            "drop=0.1,,close=0.1", ",drop=0.1", "drop=0.1,", "drop=0.1,drop=0.2", ","}) {
         SCOPED_TRACE(bad);
         kvsim::FaultSpec s;
         s.probability[0] = 0.25;

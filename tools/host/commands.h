@@ -18,6 +18,8 @@ struct PreparedCommand {
     std::vector<WriteRequest> writes;  // write
     std::vector<RecipeRow> rows;       // recipe-download, recipe-upload
     QString file;
+    QString output;   // recipe-upload --output; empty: standard output
+    QString forText;  // watch --for as typed
 };
 
 // "DM100=5", "DM100:3=1,2,3" (or one value for all), "TC5=100000".

@@ -28,7 +28,7 @@ void onSignal(int) {
 // only with --trace.
 void messageHandler(QtMsgType type, const QMessageLogContext&, const QString& message) {
     if (type == QtDebugMsg || type == QtInfoMsg) {
-        if (gTraceDriver) kvhost::printLine(QStringLiteral("   driver: ") + message);
+        if (gTraceDriver) kvhost::printTrace("   driver: " + message.toStdString() + "\n");
         return;
     }
     std::fprintf(stderr, "kv3000-host: qt: %s\n", message.toLocal8Bit().constData());
@@ -104,6 +104,16 @@ int main(int argc, char** argv) {
         status = runServe(session, catalogue, prepared, cl.serve);
     else
         status = runDemo(session, catalogue);
-    session.printSummary();
+    // A closed output ends a command without a failure; it gets no summary.
+    if (outputClosed()) {
+        if (outputError().empty()) return 0;
+        printError("cannot write the results: " + outputError());
+        return 1;
+    }
+    // Without --output, recipe-upload's standard output is the recipe itself.
+    if (cmd == QLatin1String("recipe-upload") && cl.outputPath.isEmpty())
+        printError(session.stats().summary());
+    else
+        session.printSummary();
     return status;
 }

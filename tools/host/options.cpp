@@ -16,9 +16,12 @@ const QStringList kCommands = {
 
 bool parseParams(const QString& text, HostOptions& host, QString* error) {
     const QStringList f = text.split(QLatin1Char('#'));
-    if (f.size() < 5) {
-        *error = QStringLiteral("--params '%1' needs five fields ID#LOCAL#X#RETRIES#BLOCK, e.g. 1#0#0#3#10")
-                     .arg(text);
+    if (f.size() != 5) {
+        *error = QStringLiteral(
+                     "--params '%1' has %2 field(s); it takes five, ID#LOCAL#X#RETRIES#BLOCK, "
+                     "e.g. 1#0#0#3#10")
+                     .arg(text)
+                     .arg(f.size());
         return false;
     }
     int v[5];
@@ -33,12 +36,16 @@ bool parseParams(const QString& text, HostOptions& host, QString* error) {
             return false;
         }
     }
-    if (v[4] < 1 || v[4] > 120) {
-        *error = QStringLiteral("--params '%1': the block length (field 5) must be 1 to 120").arg(text);
+    auto fail = [&](const char* why) {
+        *error = QStringLiteral("--params '%1': %2").arg(text, QLatin1String(why));
         return false;
-    }
+    };
+    if (v[1] > 1) return fail("local write only (field 2) is 0 or 1");
+    if (v[3] < 1 || v[3] > 100) return fail("the attempts per frame (field 4) must be 1 to 100");
+    if (v[4] < 1 || v[4] > 120) return fail("the block length (field 5) must be 1 to 120");
     host.params = text.toStdString();
     host.protocolId = v[0];
+    host.localWriteOnly = v[1] == 1;
     host.retries = v[3];
     return true;
 }
@@ -57,6 +64,23 @@ bool parseListenAddress(const QString& text, ServeOptions& serve, QString* error
     return true;
 }
 
+// Qt's "Unknown option 'x'." in the tool's own style: "unknown option '--x'",
+// as it was typed.
+QString optionError(const QCommandLineParser& p, const QStringList& arguments) {
+    if (!p.unknownOptionNames().isEmpty()) {
+        const QString name = p.unknownOptionNames().first();
+        QString typed = QStringLiteral("--") + name;
+        for (const QString& a : arguments)
+            if (a == QLatin1Char('-') + name || a.startsWith(QLatin1Char('-') + name + QLatin1Char('=')))
+                typed = a;
+        return QStringLiteral("unknown option '%1'").arg(typed.section(QLatin1Char('='), 0, 0));
+    }
+    QString text = p.errorText();
+    if (text.endsWith(QLatin1Char('.'))) text.chop(1);
+    if (!text.isEmpty()) text[0] = text[0].toLower();
+    return text;
+}
+
 }  // namespace
 
 bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* error) {
@@ -73,11 +97,13 @@ bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* e
     const QCommandLineOption forOption(QStringLiteral("for"), QString(), QStringLiteral("SECONDS"));
     const QCommandLineOption http(QStringLiteral("http"), QString(), QStringLiteral("HOST:PORT"));
     const QCommandLineOption allowWrites(QStringLiteral("allow-writes"));
+    const QCommandLineOption output(QStringLiteral("output"), QString(), QStringLiteral("FILE"));
+    const QCommandLineOption live(QStringLiteral("live"));
     const QCommandLineOption help(QStringList{QStringLiteral("h"), QStringLiteral("help")});
-    p.addOptions(
-        {tcp, serial, serialParams, params, timeout, trace, driver, forOption, http, allowWrites, help});
+    p.addOptions({tcp, serial, serialParams, params, timeout, trace, driver, forOption, http, allowWrites,
+                  output, live, help});
     if (!p.parse(arguments)) {
-        *error = p.errorText();
+        *error = optionError(p, arguments);
         return false;
     }
     CommandLine c;
@@ -135,9 +161,24 @@ bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* e
     if (p.isSet(forOption)) {
         if (c.command != QLatin1String("watch")) return fail(QStringLiteral("--for goes with watch"));
         bool ok = false;
-        c.forSeconds = p.value(forOption).toDouble(&ok);
+        c.forText = p.value(forOption).trimmed();
+        c.forSeconds = c.forText.toDouble(&ok);
         if (!ok || !(c.forSeconds > 0) || c.forSeconds > 1e7)
-            return fail(QStringLiteral("bad --for '%1' (seconds, more than 0)").arg(p.value(forOption)));
+            return fail(QStringLiteral("bad --for '%1' (seconds, more than 0, at most 10000000)")
+                            .arg(p.value(forOption)));
+    }
+    if (p.isSet(output)) {
+        if (c.command != QLatin1String("recipe-upload"))
+            return fail(QStringLiteral("--output goes with recipe-upload"));
+        c.outputPath = p.value(output);
+        if (c.outputPath.isEmpty()) return fail(QStringLiteral("--output needs a file"));
+    }
+    if (p.isSet(live)) {
+        if (c.linkGiven)
+            return fail(
+                QStringLiteral("--live changes values of the embedded simulator; leave out --tcp and "
+                               "--serial (or run kv3000-sim --live)"));
+        c.host.liveSimulator = true;
     }
     if ((p.isSet(http) || p.isSet(allowWrites)) && c.command != QLatin1String("serve"))
         return fail(QStringLiteral("--%1 goes with serve").arg(p.isSet(http) ? "http" : "allow-writes"));

@@ -26,6 +26,8 @@ struct CommandLine {
     QStringList args;
     double forSeconds = 0;  // watch --for; 0 = until interrupted
     ServeOptions serve;
+    QString forText;        // --for as typed
+    QString outputPath;     // recipe-upload --output; empty: standard output
     bool help = false;
 };
 

@@ -43,11 +43,12 @@ const char kHelp[] =
     "        Also serve a pseudo-terminal in raw mode, for hosts that use serial I/O.\n"
     "    --faults LIST\n"
     "        Inject faults into replies. LIST is a comma-separated list of\n"
-    "        KIND=PROBABILITY, probabilities from 0 to 1. Kinds: drop (no reply),\n"
-    "        corrupt (one byte altered), delay (held back; delay=P:MS, default 200 ms),\n"
-    "        split (sent in 2-4 pieces; split=P:MS pause, default 20 ms), garbage\n"
-    "        (1-8 random bytes in front), close (connection closed instead; on the\n"
-    "        pseudo-terminal the reply is dropped and half-read input forgotten).\n"
+    "        KIND=PROBABILITY, each kind at most once, probabilities from 0 to 1.\n"
+    "        Kinds: drop (no reply), corrupt (one byte altered), delay (held back;\n"
+    "        delay=P:MS, default 200 ms), split (sent in 2-4 pieces; split=P:MS pause,\n"
+    "        default 20 ms), garbage (1-8 random bytes in front), close (connection\n"
+    "        closed instead; on the pseudo-terminal the reply is dropped and\n"
+    "        half-read input forgotten).\n"
     "    --seed N\n"
     "        Seed of the fault generator (default 1): the same seed and the same\n"
     "        requests give the same faults.\n"
@@ -141,7 +142,7 @@ int main(int argc, char** argv) {
         } else if (arg == "--live" && !hasValue) {
             options.live = true;
         } else if (arg == "--faults") {
-            if (!needValue()) return usageError("--faults needs a LIST");
+            if (!needValue() || value.empty()) return usageError("--faults needs a LIST");
             std::string why;
             if (!kvsim::parseFaultSpec(value, options.faults, &why))
                 return usageError("bad --faults: " + why);

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <sstream>
+#include <string>
 
 namespace kvsim {
 
@@ -44,10 +45,16 @@ bool parseFaultSpec(const std::string& text, FaultSpec& out, std::string* error)
         if (error) *error = why;
         return false;
     };
-    std::stringstream items(text);
-    std::string item;
-    while (std::getline(items, item, ',')) {
-        if (item.empty()) continue;
+    if (text.empty()) {
+        out = plan;
+        return true;
+    }
+    bool seen[FAULT_KINDS] = {};
+    for (size_t from = 0; from <= text.size();) {
+        const size_t comma = std::min(text.find(',', from), text.size());
+        const std::string item = text.substr(from, comma - from);
+        from = comma + 1;
+        if (item.empty()) return fail("empty item in '" + text + "' (kind=probability, separated by commas)");
         const size_t eq = item.find('=');
         if (eq == std::string::npos) return fail("expected kind=probability in '" + item + "'");
         const std::string kind = item.substr(0, eq);
@@ -64,6 +71,8 @@ bool parseFaultSpec(const std::string& text, FaultSpec& out, std::string* error)
         }
         if (k < 0)
             return fail("unknown fault kind '" + kind + "' (drop, corrupt, delay, split, garbage, close)");
+        if (seen[k]) return fail(kind + " is given twice");
+        seen[k] = true;
         if (!parseProbability(value, plan.probability[k]))
             return fail("bad probability '" + value + "' for " + kind + " (0 to 1)");
         if (colon != std::string::npos) {

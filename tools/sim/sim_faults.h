@@ -25,8 +25,9 @@ struct FaultSpec {
 };
 
 // "drop=0.1,corrupt=0.05,delay=0.05:300,split=0.1:10,garbage=0.02,close=0.01".
-// An empty text gives no faults. Probabilities in [0, 1]; the ":MS" suffix is
-// accepted by delay (hold time) and split (pause between pieces).
+// An empty text gives no faults; an empty item or a kind given twice is
+// refused. Probabilities in [0, 1]; the ":MS" suffix is accepted by delay
+// (hold time) and split (pause between pieces).
 bool parseFaultSpec(const std::string& text, FaultSpec& out, std::string* error = nullptr);
 
 // One write to the link: wait pauseMs after the previous write (or after now
