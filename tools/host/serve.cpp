@@ -43,17 +43,9 @@ QString isoTime(qint64 ms) {
     return QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC).toString(Qt::ISODateWithMs);
 }
 
-QString kindName(RegKind k) {
-    switch (k) {
-        case RegKind::Bit:
-        case RegKind::WordBit:
-            return QStringLiteral("bit");
-        case RegKind::Dword:
-            return QStringLiteral("dword");
-        case RegKind::Word:
-            break;
-    }
-    return QStringLiteral("word");
+QString kindName(const RegisterInfo& r) {
+    if (r.isBit()) return QStringLiteral("bit");
+    return r.unit() == kvreg::Unit::DWord ? QStringLiteral("dword") : QStringLiteral("word");
 }
 
 std::string sse(const char* event, const QJsonObject& data) {
@@ -197,8 +189,8 @@ void ServeApp::tick() {
 QJsonObject ServeApp::unitJson(const Unit& u, uint32_t value, bool known) const {
     const Address& a = watcher_.addresses()[static_cast<size_t>(u.address)];
     QJsonObject o{{QStringLiteral("name"), u.name},
-                  {QStringLiteral("kind"), kindName(a.reg->kind)},
-                  {QStringLiteral("writable"), a.reg->writable}};
+                  {QStringLiteral("kind"), kindName(*a.reg)},
+                  {QStringLiteral("writable"), a.reg->writable()}};
     o[QStringLiteral("value")] = known ? QJsonValue(static_cast<double>(value)) : QJsonValue();
     o[QStringLiteral("text")] = known ? QJsonValue(formatValue(*a.reg, value)) : QJsonValue();
     o[QStringLiteral("changed")] = u.changedMs ? QJsonValue(isoTime(u.changedMs)) : QJsonValue();
@@ -244,8 +236,8 @@ void ServeApp::publishStats(bool now) {
         {QStringLiteral("link"), QString::fromStdString(session_.linkDescription())},
         {QStringLiteral("transactions"), static_cast<double>(s.transactions())},
         {QStringLiteral("transactionsPerSecond"), std::round(tps * 10.0) / 10.0},
-        {QStringLiteral("retries"), static_cast<double>(s.retries())},
-        {QStringLiteral("abandoned"), static_cast<double>(s.abandoned())},
+        {QStringLiteral("retries"), static_cast<double>(s.retried())},
+        {QStringLiteral("abandoned"), static_cast<double>(s.failed())},
         {QStringLiteral("timeouts"), static_cast<double>(s.timeouts())},
         {QStringLiteral("reconnects"), static_cast<double>(s.reconnects())},
         {QStringLiteral("roundTripMs"), ms(mean)},
