@@ -1,6 +1,7 @@
 // kv3000-host: the reference HMI runtime. Loads the driver with dlopen, runs
 // the communication loop over TCP, a serial line or an embedded simulator,
 // and carries out one command.
+#include "capture.h"
 #include "commands.h"
 #include "driver_loader.h"
 #include "options.h"
@@ -73,6 +74,12 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    HostCapture capture;
+    if (!capture.prepare(cl, &error)) {
+        printError(error);
+        return 2;
+    }
+
     struct sigaction sa {};
     sa.sa_handler = onSignal;
     sigemptyset(&sa.sa_mask);
@@ -86,6 +93,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     session.setStopFlag(&gStop);
+    capture.attach(session);
 
     int status = 0;
     const QString& cmd = cl.command;
@@ -101,6 +109,7 @@ int main(int argc, char** argv) {
         status = runRecipeUpload(session, prepared);
     else
         status = runDemo(session, catalogue);
+    status = capture.finish(status);
     session.printSummary();
     return status;
 }

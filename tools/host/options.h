@@ -19,6 +19,8 @@ struct CommandLine {
     QStringList args;
     double forSeconds = 0;  // watch --for; 0 = until interrupted
     bool help = false;
+    std::string capturePath;      // --capture: every frame into this pcap file
+    std::string replayCheckPath;  // --replay-check: the sent frames compared with this capture's
 };
 
 // arguments includes the program name first. false with a message on a
