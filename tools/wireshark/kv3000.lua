@@ -291,6 +291,7 @@ local function dissect_request(t, tree)
     if cmd == CMD_HANDSHAKE_1 or cmd == CMD_HANDSHAKE_2 then
         req.op = cmd == CMD_HANDSHAKE_1 and "handshake 1" or "handshake 2"
         req.cmd = cmd
+        tree:add(f.operation, req.op):set_generated()
         info = req.op
     elseif cmd == CMD_WORD and has(12) then
         local sub = t(c + 1, 1):uint()
@@ -378,6 +379,16 @@ end
 ------------------------------------------------------------------------------
 -- Replies
 
+-- Whether t(o) .. starts 06 01 00 FF, as far as there are bytes.
+local function starts_reply(t, o)
+    local n = t:len() - o
+    local want = { ACK, SOF, HDR2, HDR3 }
+    for i = 1, math.min(n, 4) do
+        if t(o + i - 1, 1):uint() ~= want[i] then return false end
+    end
+    return true
+end
+
 -- Length of the reply that starts at t(o), from its own bytes; nil when more
 -- bytes are needed to know, false when it cannot be told (unknown command).
 local function reply_length(t, o)
@@ -427,8 +438,12 @@ local function dissect_reply(t, tree, req)
         o = o + 1
     end
     if o + 4 > n then
-        tree:add(f.data, t(0, n)):add_proto_expert_info(e.malformed,
-            "Malformed reply: no 06 01 00 FF in " .. n .. " bytes")
+        local item = tree:add(f.data, t(0, n))
+        if n < 4 and starts_reply(t, 0) then
+            item:add_proto_expert_info(e.truncated, "Frame cut short: " .. n .. " bytes")
+            return "reply cut short"
+        end
+        item:add_proto_expert_info(e.malformed, "Malformed reply: no 06 01 00 FF in " .. n .. " bytes")
         return "malformed reply"
     end
     if o > 0 then
@@ -647,15 +662,6 @@ local function request_length(t, o)
     end
     if n < p + 4 then return nil end
     return p + t(o + p + 3, 1):uint() + 6
-end
-
-local function starts_reply(t, o)
-    local n = t:len() - o
-    local want = { ACK, SOF, HDR2, HDR3 }
-    for i = 1, math.min(n, 4) do
-        if t(o + i - 1, 1):uint() ~= want[i] then return false end
-    end
-    return true
 end
 
 local function dissect_tcp(tvb, pinfo, tree)
