@@ -604,10 +604,10 @@ local function dissect_frame(t, pinfo, tree, is_request, conversation, index, fu
         else
             root:add_proto_expert_info(e.no_request, "No request before this reply")
         end
-        info = "reply " .. dissect_reply(t, root, req)
+        info = dissect_reply(t, root, req)
     end
     root:append_text(": " .. info)
-    return info
+    return is_request and info or "reply " .. info
 end
 
 local function set_info(pinfo, infos)
