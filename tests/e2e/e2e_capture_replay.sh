@@ -52,10 +52,16 @@ expect_exit 1 "$HOST" --timeout 200 --replay-check "$WORK/host.pcap" read DM100:
 grep -qE "^replay-check: request [0-9]+ differs from record [0-9]+ of the capture: sent .* \(read MR 11 x1\), recorded .* \(read MR 10 x1\)$" \
     "$WORK/out" || fail "changed request not reported: $(grep replay-check "$WORK/out")"
 
+expect_exit 1 "$HOST" --timeout 200 --replay-check "$WORK/host.pcap" "${READS[@]}" DM7
+expect_in "$WORK/out" "is not in the capture, which ends after"
+expect_in "$WORK/out" "(read DM 7 x1)"
+
 # Files that are not captures of the link are refused before anything is served.
 echo "not a capture" >"$WORK/junk.pcap"
 expect_exit 2 "$SIM" --listen 127.0.0.1:0 --replay "$WORK/junk.pcap" </dev/null
 expect_in "$WORK/err" "is not a pcap file"
 expect_exit 2 "$HOST" --replay-check "$WORK/missing.pcap" read DM0
 expect_in "$WORK/err" "cannot read capture $WORK/missing.pcap"
+expect_exit 2 "$HOST" --capture "$WORK/info.pcap" info
+expect_in "$WORK/err" "--capture goes with a command that talks to a controller"
 finish
