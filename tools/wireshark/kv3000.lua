@@ -112,7 +112,7 @@ local e = {
         expert.severity.WARN),
     no_request = ProtoExpert.new("kv3000.no_request", "Reply without a request", expert.group.SEQUENCE,
         expert.severity.NOTE),
-    garbage = ProtoExpert.new("kv3000.garbage", "Bytes outside any frame", expert.group.PROTOCOL,
+    garbage = ProtoExpert.new("kv3000.noise", "Bytes outside any frame", expert.group.PROTOCOL,
         expert.severity.WARN),
 }
 kv.experts = {}
