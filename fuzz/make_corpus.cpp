@@ -4,6 +4,7 @@
 // condition reads, recipe transfers), and the address texts the codec sees.
 //
 //   kv3000_fuzz_corpus fuzz/corpus
+#include "capture_file.h"
 #include "fuzz_input.h"
 #include "fuzz_runtime.h"
 #include "kv3000_catalogue.h"
@@ -13,6 +14,7 @@
 #include <QDir>
 #include <QFile>
 
+#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <string>
@@ -113,6 +115,36 @@ void receiveSeed(const std::string& name, const std::vector<Key>& keys, const st
     intf_setRcpAddress(entries);
     steps(s, w);
     save("receive", name, w.out);
+}
+
+// Capture files as --capture writes them: the whole conversation; one cut
+// inside its last record; a lone acknowledge and a reply that never came.
+void captureSeeds(const std::vector<Bytes>& frames, const std::vector<Bytes>& replies) {
+    const std::string path = QDir::tempPath().toStdString() + "/kv3000_fuzz_capture.pcap";
+    auto capture = [&](size_t exchanges, bool silent) {
+        kvcapture::Writer w;
+        std::string why;
+        if (!w.open(path, &why)) {
+            std::fprintf(stderr, "%s\n", why.c_str());
+            std::exit(1);
+        }
+        const auto now = std::chrono::system_clock::now();
+        for (size_t i = 0; i < exchanges && i < frames.size(); ++i) {
+            w.write(kvcapture::TO_CONTROLLER, frames[i].data(), frames[i].size(), now);
+            if (!replies[i].empty())  // a lone acknowledge has no reply record
+                w.write(kvcapture::TO_HOST, replies[i].data(), silent ? 0 : replies[i].size(), now);
+        }
+        w.close();
+        QFile f(QString::fromStdString(path));
+        f.open(QIODevice::ReadOnly);
+        const QByteArray bytes = f.readAll();
+        f.remove();
+        return Bytes(bytes.begin(), bytes.end());
+    };
+    const Bytes all = capture(frames.size(), false);
+    save("capture", "conversation", all);
+    save("capture", "cut", Bytes(all.begin(), all.end() - 3));
+    save("capture", "no_reply", capture(3, true));
 }
 
 // A transaction step that hands over the recorded reply as raw bytes.
@@ -314,6 +346,7 @@ void simSeeds() {
         at += n;
     }
     save("sim_request", "pieces", pieces.out);
+    captureSeeds(s.frames, s.replies);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@ const char* helpText() {
            "SYNOPSIS\n"
            "    kv3000-host [--tcp HOST:PORT | --serial DEVICE [--serial-params 9600,8,EVEN,1] | --live]\n"
            "                [--params 1#0#0#3#10] [--timeout MS] [--trace] [--driver PATH]\n"
+           "                [--capture FILE.pcap] [--replay-check FILE.pcap]\n"
            "                [COMMAND ARGS...]\n"
            "    kv3000-host [LINK OPTIONS] serve [--http HOST:PORT] [--allow-writes] ADDR...\n"
            "    kv3000-host --help\n"
@@ -53,6 +54,17 @@ const char* helpText() {
            "        asks, every reply with what it carries (the values read, the status of\n"
            "        a write) and what the driver made of it, and the driver's debug lines.\n"
            "        A frame that expects no reply (an acknowledge) takes one line.\n"
+           "    --capture FILE.pcap\n"
+           "        Record every frame sent and every reply handed to the driver, with its\n"
+           "        time, in a pcap file (link type USER0) that Wireshark decodes with\n"
+           "        tools/wireshark/kv3000.lua. A reply that did not come is an empty\n"
+           "        record. Each record is flushed at once: a killed run leaves a readable\n"
+           "        file. A file that cannot be written ends the run with status 2 first.\n"
+           "    --replay-check FILE.pcap\n"
+           "        Compare each request the driver sends with the one recorded at the same\n"
+           "        place in FILE (lone acknowledges left out) and report the first that\n"
+           "        differs, with its record number in FILE; exit status 1 if one does.\n"
+           "        Without --tcp or --serial the embedded simulator replays FILE.\n"
            "    --driver PATH\n"
            "        The driver library to load. Default: the one built beside this program\n"
            "        (../libkv_3000.so), else the installed one (../lib/libkv_3000.so.2), else\n"
@@ -175,7 +187,9 @@ const char* helpText() {
            "    kv3000-host --tcp 127.0.0.1:8000 recipe-download recipe.csv\n"
            "    kv3000-host --tcp 127.0.0.1:8000 recipe-upload addresses.csv --output values.csv\n"
            "    kv3000-host serve DM0 DM1 T0 TC0 R0.00 DM100 --allow-writes\n"
-           "        The web HMI on http://127.0.0.1:8080/ over the embedded simulator.\n";
+           "        The web HMI on http://127.0.0.1:8080/ over the embedded simulator.\n"
+           "    kv3000-host --capture field.pcap --tcp 192.168.1.100:8000 watch DM0 --for 60\n"
+           "    kv3000-host --replay-check field.pcap watch DM0 --for 60\n";
 }
 
 }  // namespace kvhost

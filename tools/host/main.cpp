@@ -1,6 +1,7 @@
 // kv3000-host: the reference HMI runtime. Loads the driver with dlopen, runs
 // the communication loop over TCP, a serial line or an embedded simulator,
 // and carries out one command.
+#include "capture.h"
 #include "commands.h"
 #include "driver_loader.h"
 #include "options.h"
@@ -74,6 +75,12 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    HostCapture capture;
+    if (!capture.prepare(cl, &error)) {
+        printError(error);
+        return 2;
+    }
+
     struct sigaction sa {};
     sa.sa_handler = onSignal;
     sigemptyset(&sa.sa_mask);
@@ -87,6 +94,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     session.setStopFlag(&gStop);
+    capture.attach(session);
 
     int status = 0;
     const QString& cmd = cl.command;
@@ -104,6 +112,7 @@ int main(int argc, char** argv) {
         status = runServe(session, catalogue, prepared, cl.serve);
     else
         status = runDemo(session, catalogue);
+    status = capture.finish(status);
     // A closed output ends a command without a failure; it gets no summary.
     if (outputClosed()) {
         if (outputError().empty()) return 0;

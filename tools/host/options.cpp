@@ -100,8 +100,10 @@ bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* e
     const QCommandLineOption output(QStringLiteral("output"), QString(), QStringLiteral("FILE"));
     const QCommandLineOption live(QStringLiteral("live"));
     const QCommandLineOption help(QStringList{QStringLiteral("h"), QStringLiteral("help")});
+    const QCommandLineOption capture(QStringLiteral("capture"), QString(), QStringLiteral("FILE"));
+    const QCommandLineOption replayCheck(QStringLiteral("replay-check"), QString(), QStringLiteral("FILE"));
     p.addOptions({tcp, serial, serialParams, params, timeout, trace, driver, forOption, http, allowWrites,
-                  output, live, help});
+                  output, live, capture, replayCheck, help});
     if (!p.parse(arguments)) {
         *error = optionError(p, arguments);
         return false;
@@ -157,6 +159,16 @@ bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* e
     if (!kCommands.contains(c.command))
         return fail(QStringLiteral("unknown command '%1' (one of: %2)")
                         .arg(c.command, kCommands.join(QStringLiteral(", "))));
+
+    for (const QCommandLineOption* o : {&capture, &replayCheck}) {
+        if (!p.isSet(*o)) continue;
+        const QString name = o->names().constFirst();
+        if (p.value(*o).isEmpty()) return fail(QStringLiteral("--%1 needs a FILE").arg(name));
+        if (c.command == QLatin1String("info"))
+            return fail(QStringLiteral("--%1 goes with a command that talks to a controller").arg(name));
+    }
+    c.capturePath = p.value(capture).toStdString();
+    c.replayCheckPath = p.value(replayCheck).toStdString();
 
     if (p.isSet(forOption)) {
         if (c.command != QLatin1String("watch")) return fail(QStringLiteral("--for goes with watch"));

@@ -29,6 +29,8 @@ struct CommandLine {
     QString forText;        // --for as typed
     QString outputPath;     // recipe-upload --output; empty: standard output
     bool help = false;
+    std::string capturePath;      // --capture: every frame into this pcap file
+    std::string replayCheckPath;  // --replay-check: the sent frames compared with this capture's
 };
 
 // arguments includes the program name first. false with a message on a

@@ -53,6 +53,7 @@ bool Session::start(std::string* error) {
 #ifdef KV_HOST_EMBEDDED_SIM
         kvsim::Options simOptions;
         simOptions.live = options_.liveSimulator;
+        simOptions.replay = options_.simulatorReplay;
         simulator_ = std::make_unique<kvsim::Simulator>(simOptions);
         std::string why;
         if (!simulator_->startTcp("127.0.0.1", 0, &why)) {

@@ -19,8 +19,9 @@
 #include <vector>
 
 namespace kvsim {
+class Replay;
 class Simulator;
-}
+}  // namespace kvsim
 
 namespace kvhost {
 
@@ -37,7 +38,8 @@ struct HostOptions {
     bool localWriteOnly = false;  // writes change only the driver's data area
     int timeoutMs = 500;
     bool trace = false;
-    bool liveSimulator = false;  // demo values in the embedded simulator
+    bool liveSimulator = false;                      // demo values in the embedded simulator
+    std::shared_ptr<kvsim::Replay> simulatorReplay;  // the embedded simulator replays a capture
 };
 
 // How one request (a write or a condition read, by its id) ended.
