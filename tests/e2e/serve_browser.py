@@ -43,7 +43,7 @@ try:
     wait.until(lambda _: cell("DM0", "value").text != first)
     assert "token" not in browser.current_url, "the token stayed in the address bar"
     assert browser.find_element(By.ID, "link").get_attribute("class") == "up"
-    write("DM1", "70000", "value 70000 is out of range for DM")
+    write("DM1", "70000", "value 70000 is too large for DM (at most 65535)")
     write("DM100", "1234", "written")
     wait.until(lambda _: cell("DM100", "value").text == "1234 (0x04D2)")
     delays = browser.execute_script("return window.kvServe.latencies")
