@@ -35,7 +35,7 @@ void Stats::record(const Exchange& ex) {
         return;
     }
     ++accepted_;
-    if (ex.expected > 0) roundTrips_.push_back(ex.roundTrip);
+    if (ex.expected > 0) recordRoundTrip(ex.roundTrip);
     if (repeated) ++retried_;
     if (doneAgain) {
         const auto it = abandoned_.find(key);
@@ -57,11 +57,19 @@ void Stats::recordLink(LinkEvent event) {
     if (connects_++ > 0) ++reconnects_;
 }
 
+void Stats::recordRoundTrip(Micros us) {
+    roundTripSum_ += static_cast<double>(us);
+    ++roundTripCount_;
+    if (roundTrips_.size() < kRoundTripWindow) {
+        roundTrips_.push_back(us);
+    } else {
+        roundTrips_[nextRoundTrip_] = us;
+        nextRoundTrip_ = (nextRoundTrip_ + 1) % kRoundTripWindow;
+    }
+}
+
 double Stats::meanRoundTrip() const {
-    if (roundTrips_.empty()) return 0;
-    double sum = 0;
-    for (Micros r : roundTrips_) sum += static_cast<double>(r);
-    return sum / static_cast<double>(roundTrips_.size());
+    return roundTripCount_ == 0 ? 0 : roundTripSum_ / static_cast<double>(roundTripCount_);
 }
 
 Micros Stats::percentileRoundTrip(double p) const {

@@ -30,21 +30,28 @@ public:
     uint64_t reconnects() const { return reconnects_; }
     uint64_t bytesSent() const { return bytesSent_; }
     uint64_t bytesReceived() const { return bytesReceived_; }
-    // Round trips of accepted replies, in microseconds.
+    // Round trips of accepted replies, in microseconds: the mean of all, the
+    // percentile of the latest kRoundTripWindow (a long run keeps no more).
     double meanRoundTrip() const;
     Micros percentileRoundTrip(double p) const;
+    static constexpr size_t kRoundTripWindow = 65536;
 
     // "summary: 120 transactions (3 retried, 1 failed), ..." (one line, no newline).
     std::string summary() const;
 
 private:
+    void recordRoundTrip(Micros us);
+
     uint64_t frames_ = 0, transactions_ = 0, accepted_ = 0, repeats_ = 0, retried_ = 0, failedFinally_ = 0;
     uint64_t timeouts_ = 0, connects_ = 0, reconnects_ = 0, bytesSent_ = 0, bytesReceived_ = 0;
     bool repeating_ = false;  // the current transaction's frame was sent again
     // Abandoned transactions that are done again (by their driver message),
     // waiting for one of them to go through.
     std::map<std::string, uint64_t> abandoned_;
-    std::vector<Micros> roundTrips_;
+    double roundTripSum_ = 0;
+    uint64_t roundTripCount_ = 0;
+    std::vector<Micros> roundTrips_;  // the latest, oldest overwritten first
+    size_t nextRoundTrip_ = 0;
 };
 
 }  // namespace kvhost
