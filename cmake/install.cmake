@@ -1,6 +1,7 @@
 # Installation for integrators: the driver, its runtime-side headers, the
 # tools, a pkg-config file and a CMake package (find_package(kv3000 CONFIG)
-# gives kv3000::kv_3000).
+# gives kv3000::kv_3000). Three components, one Debian package each
+# (cmake/package.cmake): Runtime (the driver), Development, Tools.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -19,11 +20,15 @@ install(FILES
   ${PROJECT_SOURCE_DIR}/include/kv3000_records.h
   DESTINATION ${KV_INSTALL_INCLUDEDIR} COMPONENT Development)
 
-# The host opens the driver at run time; let it find the installed one.
+# The host opens the driver at run time; let it find the installed one. It
+# looks in ../<libdir> itself; the run path is for other prefixes only (a
+# system prefix needs none, and Debian forbids one).
 foreach(tool kv3000-host kv3000-sim)
   if(TARGET ${tool})
-    set_target_properties(${tool} PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
-    install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
+    if(NOT CMAKE_INSTALL_PREFIX MATCHES "^/usr/?$")
+      set_target_properties(${tool} PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    endif()
+    install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
   endif()
 endforeach()
 

@@ -11,7 +11,8 @@ JOBS=$(nproc 2>/dev/null || echo 2)
 
 PACKAGES=(cmake g++ make pkg-config qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev
           libcpp-httplib-dev chromium chromium-driver python3-selenium curl jq
-          clang libclang-rt-14-dev binutils python3 libpcap-dev tshark tcpdump)
+          clang libclang-rt-14-dev binutils python3 libpcap-dev tshark tcpdump
+          txt2man dpkg-dev file lintian man-db)
 
 # tshark's install asks whether users outside the wireshark group may capture:
 # answered "no" beforehand, so that it installs without a question.
@@ -33,14 +34,15 @@ case "${1:-}" in
 run)
     preseed_tshark
     install_missing "${PACKAGES[@]}"
-    configure_build build -DKV_BUILD_BENCH=OFF
+    configure_build build -DKV_BUILD_BENCH=OFF -DCMAKE_INSTALL_PREFIX=/usr
     shift
     exec "$ROOT/build/tools/kv3000-host" "$@"
     ;;
 test)
     preseed_tshark
     install_missing "${PACKAGES[@]}"
-    configure_build build
+    # Prefixed /usr, so that the Debian packages can be made from this build too.
+    configure_build build -DCMAKE_INSTALL_PREFIX=/usr
     ctest --test-dir build --output-on-failure -j "$JOBS" --timeout 600
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
     configure_build build-asan -DKV_SANITIZE="address;undefined" -DKV_BUILD_BENCH=OFF

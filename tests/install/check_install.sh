@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
 # Installs a build tree into a scratch prefix and builds and runs a small
-# program against the installed driver, once through find_package(kv3000
-# CONFIG) and once through pkg-config.
+# program against the installed driver (consume.sh).
 #   check_install.sh <cmake> <c++ compiler> <build dir> <consumer source dir>
 set -euo pipefail
 cmake=$1 cxx=$2 build=$3 consumer=$4
@@ -39,20 +38,6 @@ done
 
 [ -f "$libdir/wireshark/plugins/kv3000.lua" ] || fail "Wireshark dissector not installed beside the library"
 
-export LD_LIBRARY_PATH=$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
-
-echo "== find_package(kv3000 CONFIG)"
-"$cmake" -S "$consumer" -B "$work/by-cmake" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_PREFIX_PATH="$prefix" \
-    -DCMAKE_BUILD_TYPE=Release >"$work/by-cmake.log" 2>&1 || { cat "$work/by-cmake.log" >&2; fail "consumer configure"; }
-"$cmake" --build "$work/by-cmake" >>"$work/by-cmake.log" 2>&1 || { cat "$work/by-cmake.log" >&2; fail "consumer build"; }
-"$work/by-cmake/consumer" || fail "consumer built with CMake"
-
-echo "== pkg-config kv3000"
-export PKG_CONFIG_PATH=$libdir/pkgconfig${PKG_CONFIG_PATH:+:$PKG_CONFIG_PATH}
-[ "$(pkg-config --modversion kv3000)" = 2.0.0.0 ] || fail "pkg-config version"
-# shellcheck disable=SC2046 # the flags are meant to split
-"$cxx" -std=c++17 -o "$work/by-pkgconfig" "$consumer/main.cpp" $(pkg-config --cflags --libs kv3000) ||
-    fail "consumer build with pkg-config"
-"$work/by-pkgconfig" || fail "consumer built with pkg-config"
+bash "$(dirname "$0")/consume.sh" "$cmake" "$cxx" "$prefix" "$libdir/pkgconfig" "$consumer" || fail "consumer"
 
 echo "install OK: $(basename "$lib") in ${libdir#"$prefix"/}, headers, CMake package and pkg-config file"
