@@ -177,6 +177,8 @@ const char* helpText() {
            "    2   a usage, address or value error; nothing was sent.\n"
            "\n"
            "EXAMPLES\n"
+           "    Command lines as typed in a shell:\n"
+           "\n"
            "\tkv3000-host                        # the demo against the embedded simulator\n"
            "\tkv3000-host info\n"
            "\tkv3000-host --tcp 192.168.1.100:8000 read DM100:3 TC5 R5.03\n"

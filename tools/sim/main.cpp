@@ -87,6 +87,8 @@ const char kHelp[] =
     "    line starting with 'error:'.\n"
     "\n"
     "EXAMPLES\n"
+    "    From a shell; the console reads standard input:\n"
+    "\n"
     "\tkv3000-sim --listen 127.0.0.1:0\n"
     "\tkv3000-sim --pty --faults drop=0.01,delay=0.05:300 --seed 7\n"
     "\tsleep infinity | kv3000-sim --live      # keeps running without a console\n"
