@@ -44,7 +44,13 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "${_kv_armhf_rpath_link}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_kv_armhf_rpath_link}")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "${_kv_armhf_rpath_link}")
 
-# ctest and gtest_discover_tests run target programs through this.
+# pkg-config (cpp-httplib, libpcap) reads the target's .pc files, and the
+# paths it gives lie in the unpacked tree.
+set(ENV{PKG_CONFIG_LIBDIR}
+  "${KV_ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig:${KV_ARMHF_SYSROOT}/usr/share/pkgconfig")
+set(ENV{PKG_CONFIG_SYSROOT_DIR} "${KV_ARMHF_SYSROOT}")
+
+# ctest, gtest_discover_tests and the man pages run target programs through this.
 find_program(KV_QEMU_ARM qemu-arm)
 if(KV_QEMU_ARM)
   set(CMAKE_CROSSCOMPILING_EMULATOR "${KV_QEMU_ARM};-L;${KV_ARMHF_SYSROOT}")

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Cross-builds the driver and its unit tests for the ARM panels (armhf) and
-# runs the tests under qemu-arm. Installs only what is missing.
+# Cross-builds the driver, the tools and the unit tests for the ARM panels
+# (armhf), runs the tests under qemu-arm and makes the three Debian packages
+# for armhf in build-armhf/ (scripts/package.sh). Installs only what is missing.
 #
 # Only host (amd64) packages are installed: the cross compiler, qemu-user and
 # Qt's host tools. The armhf Qt 5 Core and GoogleTest are downloaded with a
@@ -16,9 +17,9 @@ SYSROOT=$BUILD/sysroot
 APTDIR=$BUILD/apt
 JOBS=$(nproc 2>/dev/null || echo 2)
 
-HOST_PACKAGES=(cmake make g++-arm-linux-gnueabihf qemu-user qtbase5-dev-tools)
+HOST_PACKAGES=(cmake make g++-arm-linux-gnueabihf qemu-user qtbase5-dev-tools txt2man dpkg-dev file lintian)
 # Unpacked with everything they depend on.
-ARMHF_PACKAGES=(libqt5core5a libgtest-dev libgmock-dev)
+ARMHF_PACKAGES=(libqt5core5a libgtest-dev libgmock-dev libcpp-httplib-dev libpcap-dev)
 # Unpacked alone, for Qt Core's headers, CMake files and mkspec; the GUI
 # dependencies of qtbase5-dev are not needed.
 ARMHF_DEV_ONLY=(qtbase5-dev qt5-qmake)
@@ -80,13 +81,33 @@ make_sysroot() {
     fi
 }
 
+# dpkg-shlibdeps for the armhf packages, run by cpack in a package's staging
+# directory: the dependency information of the armhf libraries comes from the
+# shlibs files of the unpacked armhf packages (debian/shlibs.local), objects
+# are read with the cross objdump (DEB_HOST_ARCH), and a library without
+# information is an error (cpack would pass --ignore-missing-info).
+make_shlibdeps() {
+    local dir=$BUILD/shlibdeps deb
+    mkdir -p "$dir"
+    for deb in "$APTDIR"/cache/archives/*.deb; do
+        dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./shlibs 2>/dev/null || true
+    done >"$dir/shlibs.local"
+    cat >"$dir/dpkg-shlibdeps" <<EOF
+#!/bin/sh
+mkdir -p debian && cp "$dir/shlibs.local" debian/shlibs.local || exit 1
+for a; do shift; [ "\$a" = --ignore-missing-info ] || set -- "\$@" "\$a"; done
+DEB_HOST_ARCH=armhf exec /usr/bin/dpkg-shlibdeps "\$@"
+EOF
+    chmod +x "$dir/dpkg-shlibdeps"
+}
+
 install_missing "${HOST_PACKAGES[@]}"
 make_sysroot
 
 say "configure and build in $BUILD"
 cmake -S "$ROOT" -B "$BUILD" -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-armhf.cmake" \
-    -DKV_ARMHF_SYSROOT="$SYSROOT" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DKV_BUILD_BENCH=OFF -DKV_BUILD_TOOLS=OFF >/dev/null
+    -DKV_ARMHF_SYSROOT="$SYSROOT" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+    -DKV_BUILD_BENCH=OFF -DKV_BUILD_TOOLS=ON >/dev/null
 # Keep going past a target that fails so that the tests that did build still run.
 case "${CMAKE_GENERATOR:-}" in
 Ninja*) keep_going=(-k 0) ;;
@@ -102,4 +123,8 @@ ctest --test-dir "$BUILD" -L unit --output-on-failure -j "$JOBS" --timeout 600 |
 
 [ $build_ok -eq 1 ] || die "the armhf build failed (see above); the tests that were built ran"
 [ $tests_ok -eq 1 ] || die "unit tests failed under qemu-arm"
-say "armhf build and unit tests OK"
+
+say "Debian packages for armhf"
+make_shlibdeps
+PATH=$BUILD/shlibdeps:$PATH bash "$ROOT/scripts/package.sh" "$BUILD" || die "the armhf packages failed (see above)"
+say "armhf build, unit tests and packages OK: $(cd "$BUILD" && echo *.deb)"
