@@ -46,14 +46,17 @@ for pkg in "${!expected[@]}"; do
     deb=$work/debs/${pkg}_${version}_$(dpkg --print-architecture).deb
     [ -f "$deb" ] || { fail "no $(basename "$deb")"; continue; }
     mapfile -t has < <(dpkg-deb --fsys-tarfile "$deb" | tar -t | grep -v '/$' | sed 's|^\./||')
-    set -f  # the names may be patterns
+    set -f # the names may be patterns: split, not expanded
+    # shellcheck disable=SC2206
     want=(${expected[$pkg]} "usr/share/doc/$pkg/copyright" "usr/share/doc/$pkg/changelog.Debian.gz")
     set +f
+    # shellcheck disable=SC2053 # matched as patterns
     for w in "${want[@]}"; do
         n=0
         for f in "${has[@]}"; do [[ $f == $w ]] && n=1; done
         [ $n = 1 ] || fail "$pkg lacks $w"
     done
+    # shellcheck disable=SC2053
     for f in "${has[@]}"; do
         n=0
         for w in "${want[@]}"; do [[ $f == $w ]] && n=1; done
