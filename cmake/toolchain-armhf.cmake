@@ -44,6 +44,11 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "${_kv_armhf_rpath_link}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_kv_armhf_rpath_link}")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "${_kv_armhf_rpath_link}")
 
+# Debian keeps some headers in the multiarch directory, which only a native
+# compiler searches by itself (OpenSSL's opensslconf.h, included by cpp-httplib).
+set(CMAKE_C_STANDARD_INCLUDE_DIRECTORIES "${KV_ARMHF_SYSROOT}/usr/include/arm-linux-gnueabihf")
+set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES "${KV_ARMHF_SYSROOT}/usr/include/arm-linux-gnueabihf")
+
 # pkg-config (cpp-httplib, libpcap) reads the target's .pc files, and the
 # paths it gives lie in the unpacked tree.
 set(ENV{PKG_CONFIG_LIBDIR}

@@ -105,8 +105,11 @@ install_missing "${HOST_PACKAGES[@]}"
 make_sysroot
 
 say "configure and build in $BUILD"
+# The panels' Debian keeps libraries (and Wireshark's plugins) in the multiarch
+# directory; GNUInstallDirs picks it by itself only for a native build.
 cmake -S "$ROOT" -B "$BUILD" -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-armhf.cmake" \
-    -DKV_ARMHF_SYSROOT="$SYSROOT" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+    -DKV_ARMHF_SYSROOT="$SYSROOT" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf \
     -DKV_BUILD_BENCH=OFF -DKV_BUILD_TOOLS=ON >/dev/null
 # Keep going past a target that fails so that the tests that did build still run.
 case "${CMAKE_GENERATOR:-}" in
