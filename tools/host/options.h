@@ -36,8 +36,8 @@ struct CommandLine {
     double forSeconds = 0;  // watch --for; 0 = until interrupted
     ServeOptions serve;
     GatewayOptions gateway;
-    QString forText;        // --for as typed
-    QString outputPath;     // recipe-upload --output; empty: standard output
+    QString forText;     // --for as typed
+    QString outputPath;  // recipe-upload --output; empty: standard output
     bool help = false;
     std::string capturePath;      // --capture: every frame into this pcap file
     std::string replayCheckPath;  // --replay-check: the sent frames compared with this capture's
