@@ -174,10 +174,6 @@ constexpr int rowOf(const char* name) {
     return detail::rowOfPrefix(name, detail::length(name));
 }
 
-namespace detail {
-inline constexpr Traits NO_TRAITS{};
-}
-
 // The traits of a row; a row outside the catalogue has Kind::None.
 constexpr const Traits& traits(int row) {
     return REG_TRAITS.row[row >= 0 && row < REG_COUNT ? row : REG_COUNT];

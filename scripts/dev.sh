@@ -12,7 +12,8 @@ JOBS=$(nproc 2>/dev/null || echo 2)
 PACKAGES=(cmake g++ make pkg-config qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev
           libcpp-httplib-dev chromium chromium-driver python3-selenium curl jq
           clang libclang-rt-14-dev binutils python3 libpcap-dev tshark tcpdump
-          txt2man dpkg-dev file lintian man-db)
+          txt2man dpkg-dev file lintian man-db
+          libmodbus-dev mbpoll python3-pymodbus python3-serial-asyncio)
 
 # tshark's install asks whether users outside the wireshark group may capture:
 # answered "no" beforehand, so that it installs without a question.

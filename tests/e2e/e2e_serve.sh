@@ -44,6 +44,17 @@ until_value() {
     done
     fail "$1 never showed $2 (last: $(unit_value "$1"))"
 }
+# until_stats JQ-CONDITION: polls GET /api/stats (published twice a second)
+# for up to 5 s until the condition holds.
+until_stats() {
+    local i
+    for ((i = 0; i < 100; i++)); do
+        api GET /api/stats
+        [ "$(field "$1")" = true ] && return 0
+        sleep 0.05
+    done
+    fail "stats never showed $1: $(cat "$WORK/body")"
+}
 write() {  # JSON-BODY [CURL ARGS...]
     local body=$1
     shift
@@ -83,9 +94,7 @@ api GET /api/values
 [ "$(field '.units[] | select(.name == "T4") | .writable')" = false ] || fail "T4 writable"
 sim_set DM6 4660
 until_value DM6 4660
-api GET /api/stats
-[ "$(field '.linkUp and .transactions > 0 and .abandoned == 0')" = true ] ||
-    fail "stats: $(cat "$WORK/body")"
+until_stats '.linkUp and .transactions > 0 and .abandoned == 0'
 
 # Writes that land: a number, a hexadecimal text, a bit, one value per unit.
 while read -r body address expected; do
@@ -171,8 +180,7 @@ wait "${writers[@]}"
 [ "$(cat "$WORK"/w*.code | sort -u)" = 200 ] || fail "concurrent writes: $(cat "$WORK"/w*.code | sort | uniq -c)"
 [ "$(sim_get DM200:10 | paste -sd, -)" = 500,501,502,503,504,505,506,507,508,509 ] || fail "concurrent writes missing"
 [ "$(grep -c " 1020 " "$WORK/streams")" = 50 ] || fail "not every stream saw DM5 = 1020"
-api GET /api/stats
-[ "$(field .streams)" -ge 51 ] || fail "streams open: $(field .streams)"
+until_stats '.streams >= 51'
 during=$(field .transactionsPerSecond)
 [ "$(field ".transactionsPerSecond > 0.5 * $before")" = true ] || fail "the loop slowed from $before to $during transactions/s"
 sorted=$(printf '%s\n' "${delays[@]}" | sort -n)

@@ -90,6 +90,13 @@ bool prepareCommand(const CommandLine& cl, const Catalogue& catalogue, const Dri
             if (!parseWriteArgument(catalogue, api, a, w, error)) return false;
             p.writes.push_back(w);
         }
+    } else if (cmd == QLatin1String("gateway")) {
+        for (const QString& a : cl.args) {
+            GatewayMap m;
+            if (!parseGatewayMap(catalogue, api, a, m, error)) return false;
+            p.maps.push_back(m);
+        }
+        if (!checkGatewayMaps(p.maps, error)) return false;
     } else if (cmd.startsWith(QLatin1String("recipe-"))) {
         p.file = cl.args.first();
         p.output = cl.outputPath;

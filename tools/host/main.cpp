@@ -4,6 +4,7 @@
 #include "capture.h"
 #include "commands.h"
 #include "driver_loader.h"
+#include "gateway.h"
 #include "options.h"
 #include "output.h"
 #include "serve.h"
@@ -110,6 +111,8 @@ int main(int argc, char** argv) {
         status = runRecipeUpload(session, prepared);
     else if (cmd == QLatin1String("serve"))
         status = runServe(session, catalogue, prepared, cl.serve);
+    else if (cmd == QLatin1String("gateway"))
+        status = runGateway(session, prepared, cl.gateway);
     else
         status = runDemo(session, catalogue);
     status = capture.finish(status);

@@ -4,6 +4,8 @@
 
 #include <QCommandLineParser>
 
+#include <arpa/inet.h>
+
 namespace kvhost {
 
 namespace {
@@ -11,7 +13,7 @@ namespace {
 const QStringList kCommands = {
     QStringLiteral("info"),  QStringLiteral("watch"),           QStringLiteral("read"),
     QStringLiteral("write"), QStringLiteral("recipe-download"), QStringLiteral("recipe-upload"),
-    QStringLiteral("demo"),  QStringLiteral("serve"),
+    QStringLiteral("demo"),  QStringLiteral("serve"),           QStringLiteral("gateway"),
 };
 
 bool parseParams(const QString& text, HostOptions& host, QString* error) {
@@ -50,18 +52,31 @@ bool parseParams(const QString& text, HostOptions& host, QString* error) {
     return true;
 }
 
-// serve --http HOST:PORT, where port 0 picks a free one.
-bool parseListenAddress(const QString& text, ServeOptions& serve, QString* error) {
+// serve --http and gateway --modbus HOST:PORT, where port 0 picks a free one.
+bool parseListenAddress(const QString& text, const char* option, std::string& host, uint16_t& port,
+                        QString* error) {
     std::string t = text.toStdString();
     const bool anyPort = t.size() > 2 && t.compare(t.size() - 2, 2, ":0") == 0;
     if (anyPort) t.back() = '1';
     std::string why;
-    if (!parseHostPort(t, serve.host, serve.port, &why)) {
-        *error = QStringLiteral("bad --http: ") + QString::fromStdString(why);
+    if (!parseHostPort(t, host, port, &why)) {
+        *error = QStringLiteral("bad --%1: %2").arg(QLatin1String(option), QString::fromStdString(why));
         return false;
     }
-    if (anyPort) serve.port = 0;
+    if (anyPort) port = 0;
     return true;
+}
+
+// libmodbus listens on IPv4 addresses only.
+bool parseModbusAddress(const QString& text, GatewayOptions& gateway, QString* error) {
+    if (!parseListenAddress(text, "modbus", gateway.host, gateway.port, error)) return false;
+    in_addr ip{};
+    if (inet_pton(AF_INET, gateway.host.c_str(), &ip) == 1) return true;
+    *error = QStringLiteral(
+                 "bad --modbus: '%1' is not an IPv4 address (e.g. 127.0.0.1, or 0.0.0.0 for every "
+                 "interface)")
+                 .arg(QString::fromStdString(gateway.host));
+    return false;
 }
 
 // Qt's "Unknown option 'x'." in the tool's own style: "unknown option '--x'",
@@ -97,13 +112,15 @@ bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* e
     const QCommandLineOption forOption(QStringLiteral("for"), QString(), QStringLiteral("SECONDS"));
     const QCommandLineOption http(QStringLiteral("http"), QString(), QStringLiteral("HOST:PORT"));
     const QCommandLineOption allowWrites(QStringLiteral("allow-writes"));
+    const QCommandLineOption modbus(QStringLiteral("modbus"), QString(), QStringLiteral("HOST:PORT"));
+    const QCommandLineOption unit(QStringLiteral("unit"), QString(), QStringLiteral("ID"));
     const QCommandLineOption output(QStringLiteral("output"), QString(), QStringLiteral("FILE"));
     const QCommandLineOption live(QStringLiteral("live"));
     const QCommandLineOption help(QStringList{QStringLiteral("h"), QStringLiteral("help")});
     const QCommandLineOption capture(QStringLiteral("capture"), QString(), QStringLiteral("FILE"));
     const QCommandLineOption replayCheck(QStringLiteral("replay-check"), QString(), QStringLiteral("FILE"));
     p.addOptions({tcp, serial, serialParams, params, timeout, trace, driver, forOption, http, allowWrites,
-                  output, live, capture, replayCheck, help});
+                  output, live, capture, replayCheck, modbus, unit, help});
     if (!p.parse(arguments)) {
         *error = optionError(p, arguments);
         return false;
@@ -192,10 +209,24 @@ bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* e
                                "--serial (or run kv3000-sim --live)"));
         c.host.liveSimulator = true;
     }
-    if ((p.isSet(http) || p.isSet(allowWrites)) && c.command != QLatin1String("serve"))
-        return fail(QStringLiteral("--%1 goes with serve").arg(p.isSet(http) ? "http" : "allow-writes"));
-    if (p.isSet(http) && !parseListenAddress(p.value(http), c.serve, error)) return false;
-    c.serve.allowWrites = p.isSet(allowWrites);
+    const bool gateway = c.command == QLatin1String("gateway");
+    if (p.isSet(http) && c.command != QLatin1String("serve"))
+        return fail(QStringLiteral("--http goes with serve"));
+    if (p.isSet(allowWrites) && c.command != QLatin1String("serve") && !gateway)
+        return fail(QStringLiteral("--allow-writes goes with serve or gateway"));
+    for (const QCommandLineOption* o : {&modbus, &unit})
+        if (p.isSet(*o) && !gateway)
+            return fail(QStringLiteral("--%1 goes with gateway").arg(o->names().constFirst()));
+    if (p.isSet(http) && !parseListenAddress(p.value(http), "http", c.serve.host, c.serve.port, error))
+        return false;
+    c.serve.allowWrites = c.gateway.allowWrites = p.isSet(allowWrites);
+    if (p.isSet(modbus) && !parseModbusAddress(p.value(modbus), c.gateway, error)) return false;
+    if (p.isSet(unit)) {
+        bool ok = false;
+        c.gateway.unit = p.value(unit).toInt(&ok);
+        if (!ok || c.gateway.unit < 0 || c.gateway.unit > 255)
+            return fail(QStringLiteral("bad --unit '%1' (a Modbus unit id, 0 to 255)").arg(p.value(unit)));
+    }
     const QString& cmd = c.command;
     if ((cmd == QLatin1String("info") || cmd == QLatin1String("demo")) && !c.args.isEmpty())
         return fail(QStringLiteral("%1 takes no arguments").arg(cmd));
@@ -203,12 +234,15 @@ bool parseCommandLine(const QStringList& arguments, CommandLine& out, QString* e
          cmd == QLatin1String("serve")) &&
         c.args.isEmpty())
         return fail(QStringLiteral("%1 needs at least one address").arg(cmd));
+    if (gateway && c.args.isEmpty())
+        return fail(
+            QStringLiteral("gateway needs at least one map, ADDR[:COUNT]=TABLE START, e.g. DM0:100=hr0"));
     if (cmd.startsWith(QLatin1String("recipe-")) && c.args.size() != 1)
         return fail(QStringLiteral("%1 needs one CSV file").arg(cmd));
     if (cmd == QLatin1String("demo") && c.linkGiven)
         return fail(
             QStringLiteral("demo runs against the embedded simulator only; leave out --tcp and --serial"));
-    if (cmd == QLatin1String("demo") || (cmd == QLatin1String("serve") && !c.linkGiven))
+    if (cmd == QLatin1String("demo") || ((cmd == QLatin1String("serve") || gateway) && !c.linkGiven))
         c.host.liveSimulator = true;
     out = c;
     return true;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 namespace kvhost {
 
@@ -68,6 +69,16 @@ void printError(const std::string& line) {
 
 QString timeStamp() {
     return QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz"));
+}
+
+void logLine(const QString& text, bool error) {
+    static std::mutex logMutex;
+    std::lock_guard<std::mutex> lock(logMutex);
+    const QString line = timeStamp() + QStringLiteral("  ") + text;
+    if (error)
+        printError(line);
+    else
+        printRaw((line + QLatin1Char('\n')).toStdString());
 }
 
 }  // namespace kvhost

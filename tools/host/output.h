@@ -25,6 +25,10 @@ bool outputClosed();
 std::string outputError();
 // "12:34:56.789", local time.
 QString timeStamp();
+// "12:34:56.789  text" from any thread: on stdout, or on stderr for a problem.
+// The threads that log take turns: localtime's time-zone state is guarded by
+// a lock inside the C library that a thread checker cannot see.
+void logLine(const QString& text, bool error);
 
 }  // namespace kvhost
 

@@ -21,20 +21,6 @@ constexpr size_t kRoundTripWindow = 200;
 constexpr int kMaxUnitsPerWrite = 64;
 const QString kWriteExample = QStringLiteral("send {\"address\": \"DM100\", \"value\": 1234}");
 
-// Log lines carry the local time: localtime's time-zone state is guarded by
-// a lock inside the C library that a thread checker cannot see, so the
-// threads that log take turns here.
-std::mutex logMutex;
-
-void logLine(const QString& text, bool error) {
-    std::lock_guard<std::mutex> lock(logMutex);
-    const QString line = timeStamp() + QStringLiteral("  ") + text;
-    if (error)
-        printError(line);
-    else
-        printRaw((line + QLatin1Char('\n')).toStdString());
-}
-
 qint64 nowMs() {
     return QDateTime::currentMSecsSinceEpoch();
 }

@@ -236,7 +236,7 @@ bool Session::conditionReadEnded(int* status) const {
 }
 
 void Session::printSummary() {
-    printLine(stats_.summary());
+    printLine(stats_.summary() + summaryExtra_);
 }
 
 }  // namespace kvhost

@@ -117,6 +117,8 @@ public:
         pauseUntil_ = 0;
     }
 
+    // Text appended to the summary line ("; modbus: ...").
+    void setSummaryExtra(std::string text) { summaryExtra_ = std::move(text); }
     void printSummary();
 
 private:
@@ -151,6 +153,7 @@ private:
     std::map<int, std::function<void(const Exchange&)>> exchangeObservers_;
     int nextObserver_ = 0;
     std::function<void(LinkEvent, const std::string&)> linkHandler_;
+    std::string summaryExtra_;
 };
 
 }  // namespace kvhost
