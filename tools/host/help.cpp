@@ -159,7 +159,7 @@ const char* helpText() {
            "        when it cannot listen.\n"
            "    gateway MAP... [--modbus HOST:PORT] [--unit ID] [--allow-writes]  \n"
            "        A Modbus TCP server (libmodbus) for any number of clients at once. Prints\n"
-           "        'modbus on HOST:PORT' first. MAP is ADDR[:COUNT]=TABLE START: DM0:100=hr0\n"
+           "        \"modbus on HOST:PORT\" first. MAP is ADDR[:COUNT]=TABLE START: DM0:100=hr0\n"
            "        serves DM0 to DM99 as holding registers 0 to 99. TABLE is hr (holding\n"
            "        registers) or ir (input registers) for word registers, co (coils) or di\n"
            "        (discrete inputs) for bits. A 32-bit register (TC, TS, CC, CS, Z, TRM)\n"
