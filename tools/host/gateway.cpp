@@ -169,15 +169,8 @@ void Gateway::run() {
 }
 
 void Gateway::tick() {
-    if (!firstPassDone_) {
-        if (watcher_.cyclicReads() >= blocks_) {
-            publish(watcher_.snapshot());
-            firstPassDone_ = true;
-        }
-    } else {
-        const std::vector<Watcher::Change> changes = watcher_.takeChanges();
-        if (!changes.empty()) publish(changes);
-    }
+    const std::vector<Watcher::Change> changes = watcher_.takeUpdates(blocks_);
+    if (!changes.empty()) publish(changes);
     const int attempts = session_.options().retries;
     for (const Watcher::BlockEvent& e : watcher_.takeBlockEvents())
         logLine(e.block + (e.failing ? QStringLiteral(

@@ -99,7 +99,6 @@ private:
     int observer_ = -1;
     // The loop thread's own.
     int blocks_ = 0;
-    bool firstPassDone_ = false;
 };
 
 // The command: prints "modbus on HOST:PORT" first and serves until SIGINT or

@@ -292,6 +292,13 @@ std::vector<Watcher::Change> Watcher::takeChanges() {
     return changes;
 }
 
+std::vector<Watcher::Change> Watcher::takeUpdates(int blocks) {
+    if (snapshotTaken_) return takeChanges();
+    if (cyclicReads_ < blocks) return {};
+    snapshotTaken_ = true;
+    return snapshot();
+}
+
 std::vector<Watcher::Change> Watcher::snapshot() {
     std::vector<Change> all;
     {

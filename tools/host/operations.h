@@ -86,6 +86,10 @@ public:
     std::vector<Change> takeChanges();
     // Every watched unit that has been read, with its current value.
     std::vector<Change> snapshot();
+    // For a loop that publishes as it goes: nothing until each of the
+    // `blocks` read blocks (registerAll's count) has been read once, then
+    // the snapshot once, then the changes.
+    std::vector<Change> takeUpdates(int blocks);
     // Blocks that started failing or recovered since the last call.
     std::vector<BlockEvent> takeBlockEvents();
     // Every unit has been read at least once, and no block is failing now.
@@ -110,6 +114,7 @@ private:
     std::set<QString> failing_;
     std::vector<BlockEvent> blockEvents_;
     int cyclicReads_ = 0;
+    bool snapshotTaken_ = false;
     int observer_ = -1;
 };
 

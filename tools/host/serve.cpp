@@ -157,15 +157,8 @@ void ServeApp::run() {
 }
 
 void ServeApp::tick() {
-    if (!firstPassDone_) {
-        if (watcher_.cyclicReads() >= blocks_) {
-            publishChanges(watcher_.snapshot());
-            firstPassDone_ = true;
-        }
-    } else {
-        const std::vector<Watcher::Change> changes = watcher_.takeChanges();
-        if (!changes.empty()) publishChanges(changes);
-    }
+    const std::vector<Watcher::Change> changes = watcher_.takeUpdates(blocks_);
+    if (!changes.empty()) publishChanges(changes);
     KEY_ADDRESS key;
     int id = 0;
     if (tracker_.barrierDue(key, id)) session_.api().addConditionRead(key, id);

@@ -86,7 +86,6 @@ private:
 
     // The loop thread's own.
     int blocks_ = 0;
-    bool firstPassDone_ = false;
     bool linkUp_ = true;
     Micros nextStatsAt_ = 0;
     Micros lastStatsAt_ = 0;
