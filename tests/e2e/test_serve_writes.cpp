@@ -19,9 +19,12 @@ protected:
         dm100_.address = 100;
         dm100_.text = QStringLiteral("DM100");
     }
+    static std::chrono::steady_clock::time_point soon() {
+        return std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+    }
     // A write queued with intf_setData.
-    int queued() {
-        const int id = t_.begin(dm100_);
+    int queued(const Address* a = nullptr) {
+        const int id = t_.begin(a ? *a : dm100_, soon());
         t_.queued(id);
         return id;
     }
@@ -66,7 +69,7 @@ TEST_F(Tracker, AWriteEndsWhenTheReadBehindItStarts) {
 }
 
 TEST_F(Tracker, OnlyWritesQueuedBeforeAReadAreSettledByIt) {
-    const int unqueued = t_.begin(dm100_);
+    const int unqueued = t_.begin(dm100_, soon());
     const int first = queued();
     const int b1 = barrier();
     const int second = queued();
@@ -75,9 +78,29 @@ TEST_F(Tracker, OnlyWritesQueuedBeforeAReadAreSettledByIt) {
     EXPECT_EQ(now(first), State::Written);
     EXPECT_EQ(now(second), State::TimedOut);
     EXPECT_EQ(now(unqueued), State::TimedOut);
+    // Its waiter gave up, but the second write is still in the driver's queue.
+    const int b2 = barrier();
+    frame(b2, 1);
     KEY_ADDRESS key;
     int id;
     EXPECT_FALSE(t_.barrierDue(key, id)) << "nothing waits";
+}
+
+TEST_F(Tracker, QueuedUnitsStayWithinTheDriversQueueUntilSeenThrough) {
+    Address most = dm100_;
+    most.count = WriteTracker::kQueueUnits;
+    const int big = queued(&most);
+    EXPECT_EQ(t_.begin(dm100_, soon()), -1) << "no room";
+    EXPECT_EQ(now(big), State::TimedOut);
+    EXPECT_EQ(t_.begin(dm100_, soon()), -1) << "a waiter that gave up keeps its units";
+    frame(big, 1);
+    frame(barrier(), 8);
+    const int local = t_.begin(most, soon());
+    ASSERT_GE(local, 0) << "room again once the write is through";
+    t_.local(local);  // queues nothing, keeps nothing
+    EXPECT_GE(t_.begin(most, soon()), 0);
+    t_.close();
+    EXPECT_EQ(t_.begin(dm100_, soon()), -1) << "closed";
 }
 
 TEST_F(Tracker, AnAbandonedReadEmptiesTheDriversQueueSoTheReadIsQueuedAgain) {

@@ -149,9 +149,10 @@ bool readOpened(pcap_t* p, const std::string& name, Capture& out, std::string* e
             return fail(packetText(packet) + " holds " + std::to_string(header->caplen) + " of its " +
                         std::to_string(header->len) + " bytes");
         if (header->caplen == 0) return fail(packetText(packet) + " is empty: it has no direction byte");
-        total += header->caplen;
+        // Each record costs its bytes and the bookkeeping around them.
+        total += header->caplen + sizeof(Exchange);
         if (total > MAX_CAPTURE_BYTES)
-            return fail("more than " + std::to_string(MAX_CAPTURE_BYTES >> 20) + " MiB of frames");
+            return fail("more than " + std::to_string(MAX_CAPTURE_BYTES >> 20) + " MiB of records in memory");
         const uint8_t direction = data[0];
         std::vector<uint8_t> frame(data + 1, data + header->caplen);
         if (direction == TO_CONTROLLER) {

@@ -20,7 +20,8 @@ constexpr int LINK_TYPE = 147;  // DLT_USER0: Wireshark hands it to the wtap_enc
 constexpr uint8_t TO_CONTROLLER = 0x00;
 constexpr uint8_t TO_HOST = 0x01;
 constexpr int SNAPLEN = 65535;
-// A capture whose frames add up to more than this is refused by the reader.
+// A capture whose records would take more than this in memory (their bytes
+// and the bookkeeping of each) is refused by the reader.
 constexpr size_t MAX_CAPTURE_BYTES = size_t(256) << 20;
 
 using WallTime = std::chrono::system_clock::time_point;

@@ -276,8 +276,10 @@ int runRecipeUpload(Session& session, PreparedCommand& cmd) {
         return 1;
     }
     const QString text = formatRecipe(cmd.rows);
-    printRaw(text.toStdString());
-    if (cmd.output.isEmpty()) return 0;
+    if (cmd.output.isEmpty()) {
+        printRaw(text.toStdString());
+        return 0;
+    }
     // Written whole or not at all: a failed write leaves the file as it was.
     QSaveFile file(cmd.output);
     if (!file.open(QIODevice::WriteOnly) || file.write(text.toUtf8()) < 0 || !file.commit()) {

@@ -21,7 +21,6 @@ namespace kvhost {
 namespace {
 
 constexpr int kBacklog = 64;
-constexpr int kQueueUnits = 480;         // below the driver's 513 queue items
 constexpr int kChunkUnits = 240;         // units queued at a time by one write
 constexpr int kSendTimeoutSeconds = 10;  // a client that reads nothing for this long is dropped
 constexpr int kRestWaitMs = 500;         // for the rest of a request whose header says it is longer
@@ -74,36 +73,11 @@ std::vector<Address> addressesOf(const std::vector<GatewayMap>& maps) {
 
 }  // namespace
 
-bool Gateway::QueueBudget::acquire(int units, std::chrono::steady_clock::time_point deadline) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (!changed_.wait_until(lock, deadline, [&] { return closed_ || free_ >= units; }) || closed_)
-        return false;
-    free_ -= units;
-    return true;
-}
-
-void Gateway::QueueBudget::release(int units) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        free_ += units;
-    }
-    changed_.notify_all();
-}
-
-void Gateway::QueueBudget::close() {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        closed_ = true;
-    }
-    changed_.notify_all();
-}
-
 Gateway::Gateway(Session& session, std::vector<GatewayMap> maps, const GatewayOptions& options)
     : session_(session),
       options_(options),
       tables_(maps),
-      watcher_(session, addressesOf(maps)),
-      budget_(kQueueUnits) {}
+      watcher_(session, addressesOf(maps)) {}
 
 Gateway::~Gateway() {
     stop();
@@ -148,7 +122,13 @@ void Gateway::run() {
                     QString::fromStdString(text),
                 true);
     });
-    observer_ = session_.addExchangeObserver([this](const Exchange& ex) { tracker_.observe(ex); });
+    observer_ = session_.addExchangeObserver([this](const Exchange& ex) {
+        if (ex.result != KV_DEAL_ABANDONED) return tracker_.observe(ex);
+        // The link's sentence is worked out here, on the loop thread that keeps the link's state.
+        Exchange explained = ex;
+        explained.message = session_.explain(ex.message);
+        tracker_.observe(explained);
+    });
     blocks_ = watcher_.registerAll();
     printLine(
         QStringLiteral("serving %1 map(s) in %2 read block(s) over %3, %4, %5; Ctrl-C stops")
@@ -274,7 +254,6 @@ void Gateway::stop() {
     if (::write(wake_[1], &byte, 1) != 1) logLine(QStringLiteral("modbus: cannot stop the acceptor"), true);
     acceptor_.join();
     tracker_.close();
-    budget_.close();
     for (const auto& c : clients_) shutdown(c->fd, SHUT_RDWR);
     reap(true);
 }
@@ -298,31 +277,30 @@ bool Gateway::write(const std::vector<UnitWrite>& writes, const std::string& pee
             const auto wait =
                 std::chrono::milliseconds(static_cast<int64_t>(o.retries) * o.timeoutMs * (2 + n));
             const auto deadline = std::chrono::steady_clock::now() + wait;
-            if (!budget_.acquire(n, deadline)) {
+            const int id = tracker_.begin(a, deadline);
+            if (id < 0) {
                 failure = QStringLiteral("not queued: the driver's write queue stayed full");
                 break;
             }
             std::vector<unsigned char> buffer(static_cast<size_t>(a.bufferBytes()), 0);
             for (int i = 0; i < n; ++i)
                 storeValue(reg, w.values[from + static_cast<size_t>(i)], buffer.data() + i * reg.unitBytes());
-            const int id = tracker_.begin(a);
             QString name = reg.name;
             session_.api().setData(1, &name, a.address, a.runtimeLength(), buffer.data(), id);
             WriteTracker::Outcome outcome;
             if (o.localWriteOnly) {
-                tracker_.wait(id, std::chrono::milliseconds(0));
+                tracker_.local(id);
                 outcome.state = WriteTracker::State::Written;
             } else {
                 tracker_.queued(id);
                 outcome = tracker_.wait(id, std::chrono::duration_cast<std::chrono::milliseconds>(
                                                 deadline - std::chrono::steady_clock::now()));
             }
-            budget_.release(n);
             switch (outcome.state) {
                 case WriteTracker::State::Written:
                     break;
                 case WriteTracker::State::Failed:
-                    failure = QStringLiteral("failed: ") + session_.explain(outcome.message);
+                    failure = QStringLiteral("failed: ") + outcome.message;
                     break;
                 case WriteTracker::State::Dropped:
                     failure = QStringLiteral(

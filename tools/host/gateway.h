@@ -58,22 +58,6 @@ private:
         std::thread thread;
         std::atomic<bool> done{false};
     };
-    // The driver's write queue holds 513 items, each unit at most one: the
-    // units the gateway has queued and not seen settled stay below that.
-    class QueueBudget {
-    public:
-        explicit QueueBudget(int units) : free_(units) {}
-        bool acquire(int units, std::chrono::steady_clock::time_point deadline);
-        void release(int units);
-        void close();
-
-    private:
-        std::mutex mutex_;
-        std::condition_variable changed_;
-        int free_;
-        bool closed_ = false;
-    };
-
     void tick();
     void publish(const std::vector<Watcher::Change>& changes);
     void acceptClients();
@@ -87,7 +71,6 @@ private:
     GatewayCounters counters_;
     Watcher watcher_;
     WriteTracker tracker_;
-    QueueBudget budget_;
     modbus_t* listener_ = nullptr;
     int listenFd_ = -1;
     int wake_[2] = {-1, -1};

@@ -236,6 +236,7 @@ void Watcher::observe(const Exchange& ex) {
     FrameName block;
     if (!ok || !parseDriverMessage(ex.message, block)) return;
     // Units read for the first time are reported with their value.
+    std::lock_guard<std::mutex> lock(pendingMutex_);  // report() pushes from client threads too
     for (auto it = unread_.begin(); it != unread_.end();) {
         const bool read = covers(block, addresses_[static_cast<size_t>(it->first)], it->second);
         if (read) pending_.push_back(*it);

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -14,7 +15,9 @@ namespace kvhost {
 
 namespace {
 
-bool gClosed = false;
+// Lines come from the loop thread and from client threads (serve, gateway).
+std::atomic<bool> gClosed{false};
+std::mutex gErrorMutex;
 std::string gError;
 
 // Writes text to stdout unless it is closed; a failed write closes it.
@@ -22,7 +25,10 @@ void emit(const char* text) {
     if (gClosed) return;
     std::fputs(text, stdout);
     if (std::fflush(stdout) == 0 && !std::ferror(stdout)) return;
-    if (errno != EPIPE) gError = std::strerror(errno);
+    if (errno != EPIPE) {
+        std::lock_guard<std::mutex> lock(gErrorMutex);
+        gError = std::strerror(errno);
+    }
     gClosed = true;
 }
 
@@ -36,6 +42,7 @@ bool outputClosed() {
 }
 
 std::string outputError() {
+    std::lock_guard<std::mutex> lock(gErrorMutex);
     return gError;
 }
 

@@ -333,16 +333,22 @@ ServeBackend::Reply ServeApp::write(const QByteArray& body, const std::string& p
     for (uint32_t x : w.values) shown << QString::number(x);
     const QString what = QStringLiteral("%1 = %2").arg(w.address.text, shown.join(QLatin1Char(',')));
 
-    const int id = tracker_.begin(w.address);
-    QString name = reg.name;
-    session_.api().setData(1, &name, w.address.address, w.address.runtimeLength(), buffer.data(), id);
+    const auto deadline = std::chrono::steady_clock::now() + writeTimeout();
+    const int id = tracker_.begin(w.address, deadline);
     WriteTracker::Outcome outcome;
-    if (localWriteOnly_) {
-        tracker_.wait(id, std::chrono::milliseconds(0));
-        outcome.state = WriteTracker::State::Written;
-    } else {
-        tracker_.queued(id);
-        outcome = tracker_.wait(id, writeTimeout());
+    if (id >= 0) {
+        QString name = reg.name;
+        session_.api().setData(1, &name, w.address.address, w.address.runtimeLength(), buffer.data(), id);
+        if (localWriteOnly_) {
+            tracker_.local(id);
+            outcome.state = WriteTracker::State::Written;
+        } else {
+            tracker_.queued(id);
+            outcome = tracker_.wait(id, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                            deadline - std::chrono::steady_clock::now()));
+        }
+    } else {  // no room in the driver's write queue in time, or closing
+        outcome.state = WriteTracker::State::TimedOut;
     }
 
     Reply reply{200, QByteArray()};
@@ -363,7 +369,7 @@ ServeBackend::Reply ServeApp::write(const QByteArray& body, const std::string& p
         case WriteTracker::State::Dropped:
             result = QStringLiteral(
                          "write %1 not carried out: the driver replaced it with a later write to the "
-                         "same units, or its write queue was full")
+                         "same units")
                          .arg(w.address.text);
             reply = failure(409, result);
             break;

@@ -5,6 +5,7 @@
 #include <QJsonObject>
 
 #include <httplib.h>
+#include <arpa/inet.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 
@@ -42,8 +43,12 @@ void refuse(httplib::Response& res, int status, const QString& sentence) {
     res.set_content(errorBody(sentence), kJson);
 }
 
+// localhost, ::1, or an IPv4 address of 127.0.0.0/8 (not a name that starts
+// with "127.", which anybody may point anywhere).
 bool isLoopbackName(const std::string& host) {
-    return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
+    in_addr a{};
+    return host == "localhost" || host == "::1" ||
+           (inet_pton(AF_INET, host.c_str(), &a) == 1 && (ntohl(a.s_addr) >> 24) == 127);
 }
 
 // The host name of a Host header: "127.0.0.1:8080" -> "127.0.0.1", "[::1]:80" -> "::1".

@@ -4,8 +4,13 @@
 
 namespace kvhost {
 
-int WriteTracker::begin(const Address& address) {
-    std::lock_guard<std::mutex> lock(mutex_);
+int WriteTracker::begin(const Address& address, std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const int units = address.count;
+    if (units > kQueueUnits ||
+        !settled_.wait_until(lock, deadline, [&] { return closed_ || freeUnits_ >= units; }) || closed_)
+        return -1;
+    freeUnits_ -= units;
     const int id = nextId_++;
     if (nextId_ < kFirstId) nextId_ = kFirstId;  // wrapped after 2^30 writes
     entries_[id].address = address;
@@ -18,6 +23,23 @@ void WriteTracker::queued(int id) {
     if (it != entries_.end()) it->second.queued = true;
 }
 
+void WriteTracker::local(int id) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = entries_.find(id);
+        if (it == entries_.end()) return;
+        it->second.waiterGone = true;
+        seeThrough(it);
+    }
+    settled_.notify_all();
+}
+
+void WriteTracker::seeThrough(std::map<int, Entry>::iterator it) {
+    it->second.through = true;
+    freeUnits_ += it->second.address.count;
+    if (it->second.waiterGone) entries_.erase(it);
+}
+
 WriteTracker::Outcome WriteTracker::wait(int id, std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> lock(mutex_);
     auto it = entries_.find(id);
@@ -25,7 +47,11 @@ WriteTracker::Outcome WriteTracker::wait(int id, std::chrono::milliseconds timeo
     settled_.wait_for(lock, timeout, [&] { return closed_ || it->second.outcome.state != State::Pending; });
     Outcome o = it->second.outcome;
     if (o.state == State::Pending) o.state = closed_ ? State::Closed : State::TimedOut;
-    entries_.erase(it);
+    // A write not yet through keeps its units: it stays, without its waiter.
+    if (it->second.through || closed_)
+        entries_.erase(it);
+    else
+        it->second.waiterGone = true;
     return o;
 }
 
@@ -60,10 +86,13 @@ void WriteTracker::observe(const Exchange& ex) {
         if (b != barriers_.end()) {
             // Chosen while no write waited: everything queued before it is through.
             const unsigned long serial = b->second;
-            for (auto& e : entries_) {
-                Entry& en = e.second;
-                if (en.outcome.state != State::Pending || en.barrier == 0 || en.barrier > serial) continue;
-                en.outcome.state = en.accepted > 0 ? State::Written : State::Dropped;
+            for (auto e = entries_.begin(); e != entries_.end();) {
+                const auto it = e++;  // seeThrough may erase it
+                Entry& en = it->second;
+                if (en.through || en.barrier == 0 || en.barrier > serial) continue;
+                if (en.outcome.state == State::Pending)
+                    en.outcome.state = en.accepted > 0 ? State::Written : State::Dropped;
+                seeThrough(it);
                 settledAny = true;
             }
             if (ex.result == 2) {
@@ -71,7 +100,7 @@ void WriteTracker::observe(const Exchange& ex) {
                 // queue: the other barriers are gone, and are queued anew.
                 barriers_.clear();
                 for (auto& e : entries_)
-                    if (e.second.outcome.state == State::Pending) e.second.barrier = 0;
+                    if (!e.second.through) e.second.barrier = 0;
             } else if (ex.result == 1) {
                 barriers_.erase(b);
             }
@@ -85,7 +114,7 @@ bool WriteTracker::barrierDue(KEY_ADDRESS& key, int& id) {
     const Address* first = nullptr;
     for (auto& e : entries_) {
         Entry& en = e.second;
-        if (!en.queued || en.barrier != 0 || en.outcome.state != State::Pending) continue;
+        if (!en.queued || en.barrier != 0 || en.through) continue;
         if (!first) first = &en.address;
         en.barrier = nextSerial_;
     }

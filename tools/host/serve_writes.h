@@ -5,7 +5,10 @@
 // behind it: the driver starts a condition read only when no write waits, so
 // the first frame of that read settles every write queued before it. A write
 // whose id never went out was replaced in the queue by a later write to the
-// same units (or dropped from a full queue).
+// same units. The driver's queue holds 513 items and drops the oldest when
+// full, each unit taking at most one: the units of writes not yet seen
+// through (by a condition read behind them) stay within a budget below that,
+// and a write waits for room before it is queued.
 #ifndef KV3000_HOST_SERVE_WRITES_H
 #define KV3000_HOST_SERVE_WRITES_H
 
@@ -39,11 +42,17 @@ public:
 
     // Ids handed out start here, far above the ids of the host's commands.
     static constexpr int kFirstId = 1 << 30;
+    // Units queued and not yet seen through, at most.
+    static constexpr int kQueueUnits = 480;
 
-    // HTTP threads: an id for intf_setData, then queued() once it returned,
-    // then wait() for the outcome (which forgets the id).
-    int begin(const Address& address);
+    // Client threads: an id for intf_setData, once the address's units fit
+    // in the budget (-1 when they did not by `deadline`, or on close), then
+    // queued() once intf_setData returned and wait() for the outcome; or,
+    // when the write is local only and queued nothing, local(). A write
+    // keeps its units until it is seen through, even after wait() gave up.
+    int begin(const Address& address, std::chrono::steady_clock::time_point deadline);
     void queued(int id);
+    void local(int id);
     Outcome wait(int id, std::chrono::milliseconds timeout);
     // Every waiter returns Closed, now and from now on.
     void close();
@@ -62,8 +71,13 @@ private:
         bool queued = false;
         unsigned long barrier = 0;  // serial of the condition read queued behind it; 0 none yet
         int accepted = 0;
+        bool through = false;     // nothing of it is left in the driver's queue
+        bool waiterGone = false;  // wait() returned; forgotten once through
         Outcome outcome;
     };
+    // Nothing of the write is left in the driver's queue: its units return
+    // to the budget, and it is forgotten if nobody waits for it.
+    void seeThrough(std::map<int, Entry>::iterator it);
 
     mutable std::mutex mutex_;
     std::condition_variable settled_;
@@ -71,6 +85,7 @@ private:
     std::map<int, unsigned long> barriers_;  // condition-read id -> serial
     unsigned long nextSerial_ = 1;
     int nextId_ = kFirstId;
+    int freeUnits_ = kQueueUnits;
     bool closed_ = false;
 };
 
