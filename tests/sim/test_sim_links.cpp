@@ -1,0 +1,358 @@
+// The simulator on its links: a scripted host over TCP and the pseudo-terminal, clients that
+// misbehave, faults on the wire, and the built kv3000-sim with its options, console and signals.
+#include "kv3000_sim.h"
+#include "scenario.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Clock = std::chrono::steady_clock;
+
+// Hex words; a request is its command bytes in the 06 01 00 FF L .. check 04 envelope.
+Bytes hx(const std::string& text) {
+    std::istringstream in(text);
+    Words w;
+    for (std::string t; in >> t;) w.push_back(t);
+    return bytesOf(w, 0);
+}
+Bytes request(const std::string& command) {
+    Bytes f = hx("06 01 00 FF 00 " + command);
+    f[4] = uint8_t(f.size() - 5);
+    f.push_back(uint8_t(kvwire::checkSum(f.data() + 3, int(f.size()) - 3)));
+    f.push_back(kvwire::EOT);
+    return f;
+}
+const Bytes kHandshake1 = hx("01 00 FF 02 07 01 F7 04"),
+            kHandshake2 = hx("01 00 FF 06 20 00 01 06 00 00 D4 04");
+const std::string kReadDM0 = "1E 00 00 06 00 00 00 01 00 00 00 00";  // one word, 13-byte reply
+
+// A reply the host takes: its size, 06 first, 04 last, the check byte over 3 .. size-3.
+bool good(const Bytes& r, size_t size) {
+    return r.size() == size && size >= 6 && r[0] == 0x06 && r.back() == 0x04 &&
+           r[size - 2] == uint8_t(kvwire::checkSum(r.data() + 3, int(size) - 5));
+}
+// Up to n bytes from fd before the deadline or the other end's close.
+Bytes readFd(int fd, size_t n, int timeoutMs = 2000, int* reads = nullptr, bool* closed = nullptr) {
+    Bytes out;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (out.size() < n) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        pollfd p{fd, POLLIN, 0};
+        if (left <= 0 || ::poll(&p, 1, int(left)) <= 0) break;
+        uint8_t buf[4096];
+        const ssize_t got = ::read(fd, buf, std::min(sizeof buf, n - out.size()));
+        if (got <= 0) {
+            if (closed) *closed = true;
+            break;
+        }
+        if (reads) ++*reads;
+        out.insert(out.end(), buf, buf + got);
+    }
+    return out;
+}
+bool writeAll(int fd, const Bytes& b) {
+    for (size_t off = 0; off < b.size();) {
+        const ssize_t n = ::write(fd, b.data() + off, b.size() - off);
+        if (n <= 0) return false;
+        off += size_t(n);
+    }
+    return true;
+}
+int openRawLine(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios tio{};
+    if (fd >= 0 && tcgetattr(fd, &tio) == 0) cfmakeraw(&tio), tcsetattr(fd, TCSANOW, &tio);
+    return fd;
+}
+
+struct Client {
+    explicit Client(uint16_t port) : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in a{};
+        a.sin_family = AF_INET, a.sin_port = htons(port), a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const int one = 1;
+        EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    }
+    ~Client() { ::close(fd); }
+    Bytes transact(const Bytes& req, size_t replySize, int timeoutMs = 2000) {
+        return writeAll(fd, req) ? readFd(fd, replySize, timeoutMs) : Bytes();
+    }
+    int fd;
+};
+
+TEST(Links, ScriptedHostOverTcpAndTheStatsItLeaves) {
+    kvsim::Simulator sim;
+    ASSERT_TRUE(sim.startTcp("127.0.0.1", 0));
+    EXPECT_EQ(sim.host(), "127.0.0.1");
+    sim.memory().set("DM", 100, 0x1234);
+    Client c(sim.port());
+    const std::pair<Bytes, size_t> script[] = {
+        // every acknowledge a write of its own, unanswered
+        {{0x06}, 0},
+        {kHandshake1, 9},
+        {{0x06}, 0},
+        {kHandshake2, 10},
+        {{0x06}, 0},
+        {request("1E 00 00 06 00 00 00 03 00 00 00 64"), 17},
+        {request("1E 01 00 06 00 00 00 02 00 00 00 64 12 34 56 78"), 10},
+        {request("1E 01 00 30 00 00 00 01 00 00 00 00 DE AD BE EF"), 10},
+        {request("32 00 01 00 00 25"), 9},
+        {request("32 00 01 1B 00 10"), 9},
+        {request("18 00 01 20 00 05 00 00 03 E8"), 9},
+        {request("1E 00 00 02 00 00 00 01 00 00 00 05"), 20},
+        {request("1E 00 00 00 00 00 00 01 00 00 00 20"), 13},
+        {request("1E 00 00 63 00 00 00 01 00 00 00 00"), 8}};
+    for (const auto& [req, size] : script) {
+        const Bytes r = c.transact(req, size);
+        ASSERT_TRUE(size == 0 ? r.empty() : good(r, size)) << hexOf(req.data(), long(req.size()));
+        EXPECT_TRUE(size != 17 || hexOf(&r[9], 2) == "12 34");
+    }
+    EXPECT_EQ(sim.memory().get("DM", 101), 0x5678u);
+    EXPECT_EQ(sim.memory().get("Z", 0), 0xDEADBEEFu);
+    EXPECT_EQ(sim.memory().get("R", 37).value() + sim.memory().get("B", 0x10).value(), 2u);
+    EXPECT_EQ(sim.memory().get("TC", 5), 1000u);
+    const std::string stats = kvsim::formatStats(sim.stats());
+    EXPECT_EQ(stats.substr(0, stats.find('\n')),
+              "requests 11 handshakes 2 reads 3 word-writes 2 bit-writes 2 value-writes 1 refused 1 acks 1 "
+              "garbage-bytes 0 abandoned 0 connections 1");
+    sim.stop();
+    sim.stop();
+    EXPECT_FALSE(sim.running());
+}
+
+TEST(Links, ClientsInTurnAtOnceAndMisbehaving) {
+    kvsim::Options opt;
+    opt.frameTimeoutMs = 50;
+    kvsim::Simulator sim(opt);
+    ASSERT_TRUE(sim.startTcp("127.0.0.1", 0));
+    for (int i = 0; i < 40; ++i) Client gone(sim.port());
+    for (int i = 0; i < 10; ++i)
+        ASSERT_TRUE(
+            good(Client(sim.port())
+                     .transact(request("1E 01 00 06 00 00 00 01 00 00 00 00 00 0" + std::to_string(i)), 10),
+                 10));
+    EXPECT_EQ(sim.memory().get("DM", 0), 9u);
+    std::vector<std::unique_ptr<Client>> many;
+    for (int i = 0; i < 5; ++i) many.push_back(std::make_unique<Client>(sim.port()));
+    for (int round = 0; round < 3; ++round) {
+        for (auto& c : many) ASSERT_TRUE(writeAll(c->fd, request(kReadDM0)));
+        for (auto& c : many) EXPECT_TRUE(good(readFd(c->fd, 13), 13));
+    }
+    {  // a megabyte of noise, then gone without reading
+        Client c(sim.port());
+        std::mt19937 rng(3);
+        Bytes noise(1 << 20);
+        for (auto& b : noise) b = uint8_t(rng());
+        writeAll(c.fd, noise);
+    }
+    {  // a half frame dropped after the quiet spell, and one followed at once by the next request
+        Client c(sim.port());
+        ASSERT_TRUE(writeAll(c.fd, hx("06 01 00 FF 0C 1E 00 00 06")));
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        EXPECT_TRUE(good(c.transact(request(kReadDM0), 13), 13));
+        ASSERT_TRUE(writeAll(c.fd, hx("06 01 00 FF 70 1E 01 00 06 00 00 00 32 00 00 00 00 00 01 00 01")));
+        EXPECT_TRUE(good(c.transact(request(kReadDM0), 13), 13));
+    }
+    Client(sim.port()).transact(request("1E 00 00 06 00 00 00 64 00 00 00 00"), 0);  // gone before the answer
+    const Bytes r = Client(sim.port()).transact(request(kReadDM0), 13);
+    EXPECT_TRUE(good(r, 13));
+    EXPECT_EQ(r[10], 9);
+    EXPECT_GT(sim.stats().garbageBytes, 0u);
+}
+
+long msSince(Clock::time_point t) {
+    return long(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
+}
+
+TEST(Links, FaultsOnTheWire) {
+    for (int k = 0; k < kvsim::FAULT_KINDS; ++k) {
+        const auto kind = kvsim::Fault(k);
+        SCOPED_TRACE(kvsim::faultName(kind));
+        kvsim::Options opt;
+        opt.faults.probability[k] = 1.0;
+        opt.faults.delayMs = 120, opt.faults.splitPauseMs = 30;
+        kvsim::Simulator sim(opt);
+        ASSERT_TRUE(sim.startTcp("127.0.0.1", 0));
+        Client c(sim.port());
+        const Bytes req = request("1E 00 00 06 00 00 00 08 00 00 00 00");
+        kvsim::Memory zeros;
+        const Bytes clean = kvsim::answer(zeros, req.data(), req.size());  // 27 bytes
+        ASSERT_TRUE(writeAll(c.fd, req));
+        int reads = 0;
+        bool closed = false;
+        const auto t0 = Clock::now();
+        const Bytes got =
+            readFd(c.fd, kind == kvsim::Fault::Garbage ? 35 : 27,
+                   kind == kvsim::Fault::Drop || kind == kvsim::Fault::Garbage ? 300 : 1000, &reads, &closed);
+        const long ms = msSince(t0);
+        const bool none = got.empty() && closed == (kind == kvsim::Fault::Close);
+        const bool garbled = kind == kvsim::Fault::Corrupt
+                                 ? got.size() == 27 && got != clean
+                                 : got.size() > 27 && Bytes(got.end() - 27, got.end()) == clean;
+        const bool late = got == clean && (kind == kvsim::Fault::Delay ? ms >= 110 : reads >= 2 && ms >= 25);
+        EXPECT_TRUE(kind == kvsim::Fault::Drop || kind == kvsim::Fault::Close        ? none
+                    : kind == kvsim::Fault::Corrupt || kind == kvsim::Fault::Garbage ? garbled
+                                                                                     : late);
+        EXPECT_EQ(sim.stats().faults[k], 1u);
+    }
+}
+
+TEST(Links, PseudoTerminalLiveValuesAndWhereItListens) {
+    kvsim::Options opt;
+    opt.live = true;
+    kvsim::Simulator sim(opt);
+    std::string why;
+    ASSERT_TRUE(sim.startPty(&why)) << why;
+    ASSERT_EQ(sim.ptyPath().rfind("/dev/", 0), 0u);
+    for (int line = 0; line < 2; ++line) {  // the line outlives its host
+        const int fd = openRawLine(sim.ptyPath());
+        ASSERT_GE(fd, 0);
+        for (const Bytes& req : {Bytes{0x06}, kHandshake1}) ASSERT_TRUE(writeAll(fd, req));
+        EXPECT_TRUE(good(readFd(fd, 9), 9));
+        ASSERT_TRUE(writeAll(fd, request("32 00 01 00 00 05")));
+        EXPECT_TRUE(good(readFd(fd, 9), 9));
+        ::close(fd);
+    }
+    EXPECT_EQ(sim.memory().get("R", 5), 1u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(350));
+    EXPECT_GE(sim.memory().get("DM", 0).value(), 2u);
+    EXPECT_EQ(sim.memory().get("TS", 0), 50u);
+    EXPECT_FALSE(sim.startTcp("999.1.1.1", 0, &why) || why.empty());
+    EXPECT_FALSE(sim.startTcp("some.name", 0, &why));  // names are not looked up
+    ASSERT_TRUE(sim.startTcp("127.0.0.1", 0));
+    EXPECT_FALSE(kvsim::Simulator().startTcp("127.0.0.1", sim.port(), &why));  // port taken
+}
+
+// The built simulator with pipes on its stdin and stdout.
+struct Process {
+    explicit Process(std::vector<std::string> args) {
+        int in[2], out[2];
+        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
+        args.insert(args.begin(), KV3000_SIM_BINARY);
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        if ((pid = fork()) == 0) {
+            dup2(in[0], STDIN_FILENO), dup2(out[1], STDOUT_FILENO);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        ::close(in[0]), ::close(out[1]);
+        stdinFd = in[1], stdoutFd = out[0];
+    }
+    ~Process() {
+        ::close(stdinFd), ::close(stdoutFd);
+        if (pid > 0 && wait() < 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+    }
+    std::string line() {
+        std::string l;
+        for (Bytes b; (b = readFd(stdoutFd, 1, 3000)).size() == 1 && b[0] != '\n';) l += char(b[0]);
+        return l;
+    }
+    std::string rest() {
+        std::string all;
+        for (Bytes b; !(b = readFd(stdoutFd, 4096, 3000)).empty();) all.append(b.begin(), b.end());
+        return all;
+    }
+    uint16_t port() {
+        const std::string l = line(), prefix = "listening on 127.0.0.1:";
+        return l.rfind(prefix, 0) == 0 ? uint16_t(std::stoi(l.substr(prefix.size()))) : 0;
+    }
+    void write(const std::string& text) { EXPECT_TRUE(writeAll(stdinFd, Bytes(text.begin(), text.end()))); }
+    // Exit status, -1 when it did not end in time.
+    int wait() {
+        for (int waited = 0; waited < 3000 && pid > 0; waited += 10) {
+            int status = 0;
+            if (waitpid(pid, &status, WNOHANG) == pid) {
+                pid = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return -1;
+    }
+    pid_t pid = -1;
+    int stdinFd = -1, stdoutFd = -1;
+};
+
+TEST(Binary, ServesTcpAndThePtyAndStopsOnSignals) {
+    Process p({"--listen", "127.0.0.1:0", "--pty"});
+    const uint16_t port = p.port();
+    ASSERT_NE(port, 0);
+    const std::string serial = p.line();
+    ASSERT_EQ(serial.rfind("serial on /dev/", 0), 0u) << serial;
+    const int fd = openRawLine(serial.substr(10));
+    ASSERT_TRUE(fd >= 0 && writeAll(fd, request(kReadDM0)));
+    EXPECT_TRUE(good(readFd(fd, 13), 13));
+    ::close(fd);
+    EXPECT_TRUE(good(Client(port).transact(kHandshake1, 9), 9));
+    kill(p.pid, SIGINT);
+    const std::string out = p.rest();
+    EXPECT_EQ(p.wait(), 0);
+    EXPECT_NE(out.find("requests 2 handshakes 1 reads 1 "), std::string::npos) << out;
+    EXPECT_NE(out.find("faults drop 0"), std::string::npos) << out;
+    for (bool quit : {false, true}) {
+        Process q({"--listen=127.0.0.1:0", "--faults", "delay=0.5:10", "--seed", "3", "--live"});
+        ASSERT_NE(q.port(), 0);
+        quit ? q.write("quit\n") : void(kill(q.pid, SIGTERM));
+        EXPECT_EQ(q.wait(), 0) << quit;
+    }
+}
+
+TEST(Binary, ConsoleOnStdinUntilItsEnd) {
+    Process p({"--listen", "127.0.0.1:0"});
+    const uint16_t port = p.port();
+    ASSERT_NE(port, 0);
+    p.write("set DM100 1234 5678\nget DM100:2\nget R5.03\nget XX\n");
+    for (const char* expected : {"ok", "DM100 1234", "DM101 5678", "R5.03 0"}) EXPECT_EQ(p.line(), expected);
+    EXPECT_EQ(p.line().rfind("error: ", 0), 0u);
+    const Bytes r = Client(port).transact(request("1E 00 00 06 00 00 00 02 00 00 00 64"), 15);
+    EXPECT_TRUE(good(r, 15) && hexOf(&r[9], 4) == "04 D2 16 2E");
+    p.write("stats\n");
+    EXPECT_EQ(p.line().rfind("requests 1 ", 0), 0u);
+    EXPECT_EQ(p.line().rfind("faults ", 0), 0u);
+    ::close(p.stdinFd);
+    p.stdinFd = -1;
+    EXPECT_EQ(p.wait(), 0);
+    EXPECT_NE(p.rest().find("requests 1 "), std::string::npos);
+}
+
+TEST(Binary, HelpAndBadOptions) {
+    Process help({"--help"});
+    const std::string out = help.rest();
+    EXPECT_EQ(help.wait(), 0);
+    for (const char* section : {"NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "CONSOLE", "EXAMPLES",
+                                "--listen", "--pty", "--faults", "--seed", "--live"})
+        EXPECT_NE(out.find(section), std::string::npos) << section;
+    for (std::vector<std::string> args :
+         std::vector<std::vector<std::string>>{{"--bogus"},
+                                               {"--listen"},
+                                               {"--listen", "127.0.0.1"},
+                                               {"--listen", "127.0.0.1:70000"},
+                                               {"--faults", "jam=1"},
+                                               {"--seed", "x"}}) {
+        Process p(args);
+        EXPECT_EQ(p.rest(), "");
+        EXPECT_EQ(p.wait(), 2) << args[0];
+    }
+}
+
+}  // namespace
