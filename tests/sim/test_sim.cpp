@@ -25,6 +25,10 @@ std::string answerText(const Bytes& r) {
                       r[r.size() - 2] == uint8_t(kvwire::checkSum(r.data() + 3, int(r.size()) - 5));
     return good ? hexOf(r.data() + 4, long(r.size()) - 6) : "BAD " + hexOf(r.data(), long(r.size()));
 }
+Bytes& put(Bytes& b, uint32_t value, int size) {  // high byte first
+    while (size-- > 0) b.push_back(uint8_t(value >> (8 * size)));
+    return b;
+}
 Bytes answer(const Bytes& req) {
     return kvsim::answer(controller(), req.data(), req.size());
 }
@@ -102,30 +106,17 @@ TEST(Answers, EveryAreaAcrossItsRange) {
         const uint32_t step = r.traits.relayWord ? 16 : 1, units = kind == kvreg::Kind::RelayBit ? 16 : 1;
         const size_t width = kind == kvreg::Kind::RelayBit ? 2 : r.traits.replyBytes();
         auto read = [&](uint32_t count, uint32_t start) {
-            return answer(
-                request({0x1E, 0, 0, r.area(), 0, 0, uint8_t(count >> 8), uint8_t(count),
-                         uint8_t(start >> 24), uint8_t(start >> 16), uint8_t(start >> 8), uint8_t(start)}));
+            Bytes command{0x1E, 0, 0, r.area(), 0, 0};
+            return answer(request(put(put(command, count, 2), start, 4)));
         };
         const uint32_t last = (r.max + 1) / units - 1;  // in frame units: words of bits, or values
         for (uint32_t unit : {0u, last}) {
             EXPECT_EQ(read(1, unit * step * units).size(), 11 + width) << unit;
             if (kind != kvreg::Kind::Word && kind != kvreg::Kind::DWord) continue;
             const uint32_t value = width == 4 ? 0x89ABCDEFu : 0xC0DEu;
-            Bytes write{0x1E,
-                        0x01,
-                        0,
-                        r.area(),
-                        0,
-                        0,
-                        0,
-                        1,
-                        uint8_t(unit * step >> 24),
-                        uint8_t(unit * step >> 16),
-                        uint8_t(unit * step >> 8),
-                        uint8_t(unit * step)};
-            for (size_t b = width; b-- > 0;) write.push_back(uint8_t(value >> (8 * b)));
-            EXPECT_EQ(answerText(answer(request(write))),
-                      hexOf(write.data(), 2) + " " + hexOf(&write[3], 1) + " 00");
+            Bytes write{0x1E, 0x01, 0, r.area(), 0, 0, 0, 1};
+            EXPECT_EQ(answerText(answer(request(put(put(write, unit * step, 4), value, int(width))))),
+                      "1E 01 " + hexOf(&write[3], 1) + " 00");
             EXPECT_EQ(controller().get(r.name, unit), value);
         }
         EXPECT_EQ(answerText(read(1, (last + 1) * step * units)).substr(0, 2), "15");

@@ -19,6 +19,7 @@
 #include <random>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -293,46 +294,19 @@ struct Process {
     int stdinFd = -1, stdoutFd = -1;
 };
 
-TEST(Binary, ServesTcpAndThePtyAndStopsOnSignals) {
-    Process p({"--listen", "127.0.0.1:0", "--pty"});
-    const uint16_t port = p.port();
-    ASSERT_NE(port, 0);
-    const std::string serial = p.line();
-    ASSERT_EQ(serial.rfind("serial on /dev/", 0), 0u) << serial;
-    const int fd = openRawLine(serial.substr(10));
-    ASSERT_TRUE(fd >= 0 && writeAll(fd, request(kReadDM0)));
-    EXPECT_TRUE(good(readFd(fd, 13), 13));
-    ::close(fd);
-    EXPECT_TRUE(good(Client(port).transact(kHandshake1, 9), 9));
-    kill(p.pid, SIGINT);
-    const std::string out = p.rest();
-    EXPECT_EQ(p.wait(), 0);
-    EXPECT_NE(out.find("requests 2 handshakes 1 reads 1 "), std::string::npos) << out;
-    EXPECT_NE(out.find("faults drop 0"), std::string::npos) << out;
-    for (bool quit : {false, true}) {
-        Process q({"--listen=127.0.0.1:0", "--faults", "delay=0.5:10", "--seed", "3", "--live"});
-        ASSERT_NE(q.port(), 0);
-        quit ? q.write("quit\n") : void(kill(q.pid, SIGTERM));
-        EXPECT_EQ(q.wait(), 0) << quit;
+// SIGINT, SIGTERM, "quit" and the end of its input stop it, each with its counters at the end.
+TEST(Binary, StopsOnSignalsQuitAndTheEndOfItsInput) {
+    for (const char* how : {"SIGINT", "SIGTERM", "quit", "end"}) {
+        Process p({"--listen=127.0.0.1:0", "--faults", "delay=0.5:10", "--seed", "3", "--live"});
+        const uint16_t port = p.port();
+        ASSERT_NE(port, 0);
+        EXPECT_TRUE(good(Client(port).transact(kHandshake1, 9), 9));
+        if (how[0] == 'S') kill(p.pid, how[4] == 'N' ? SIGINT : SIGTERM);
+        if (how[0] == 'q') p.write("quit\n");
+        if (how[0] == 'e') ::close(std::exchange(p.stdinFd, -1));
+        EXPECT_NE(p.rest().find("requests 1 handshakes 1 reads 0 "), std::string::npos) << how;
+        EXPECT_EQ(p.wait(), 0) << how;
     }
-}
-
-TEST(Binary, ConsoleOnStdinUntilItsEnd) {
-    Process p({"--listen", "127.0.0.1:0"});
-    const uint16_t port = p.port();
-    ASSERT_NE(port, 0);
-    p.write("set DM100 1234 5678\nget DM100:2\nget R5.03\nget XX\n");
-    for (const char* expected : {"ok", "DM100 1234", "DM101 5678", "R5.03 0"}) EXPECT_EQ(p.line(), expected);
-    EXPECT_EQ(p.line().rfind("error: ", 0), 0u);
-    const Bytes r = Client(port).transact(request("1E 00 00 06 00 00 00 02 00 00 00 64"), 15);
-    EXPECT_TRUE(good(r, 15) && hexOf(&r[9], 4) == "04 D2 16 2E");
-    p.write("stats\n");
-    EXPECT_EQ(p.line().rfind("requests 1 ", 0), 0u);
-    EXPECT_EQ(p.line().rfind("faults ", 0), 0u);
-    ::close(p.stdinFd);
-    p.stdinFd = -1;
-    EXPECT_EQ(p.wait(), 0);
-    EXPECT_NE(p.rest().find("requests 1 "), std::string::npos);
 }
 
 TEST(Binary, HelpAndBadOptions) {
@@ -342,7 +316,7 @@ TEST(Binary, HelpAndBadOptions) {
     for (const char* section : {"NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "CONSOLE", "EXAMPLES",
                                 "--listen", "--pty", "--faults", "--seed", "--live"})
         EXPECT_NE(out.find(section), std::string::npos) << section;
-    for (std::vector<std::string> args :
+    for (const std::vector<std::string>& args :
          std::vector<std::vector<std::string>>{{"--bogus"},
                                                {"--listen"},
                                                {"--listen", "127.0.0.1"},
