@@ -51,10 +51,13 @@ TEST(Properties, AnyReplyGivesADefinedResult) {
     std::mt19937 rng(7);
     for (int i = 0; i < 3000; ++i) {
         if (perform("send") == "-") continue;
-        std::string reply = i % 7 ? "reply -" : "reply sim";
-        for (int k = i % 7 == 0 ? 0 : i % 50 == 0 ? 65536 : int(rng() % 40); k > 0; --k)
-            reply += " " + std::to_string(rng() % 10) + std::to_string(rng() % 10);
-        const std::string result = perform(reply.replace(6, i % 7 && reply.size() > 8 ? 1 : 0, ""));
+        std::string bytes;  // random ones, or the controller's answer
+        char byte[4];
+        for (int k = i % 7 == 0 ? 0 : i % 50 == 1 ? 65536 : int(rng() % 40); k > 0; --k)
+            std::snprintf(byte, sizeof byte, " %02X", unsigned(rng() & 0xFF)), bytes += byte;
+        const std::string result = perform(i % 7 == 0      ? "reply sim"
+                                           : bytes.empty() ? "reply -"
+                                                           : "reply" + bytes);
         ASSERT_TRUE(std::string("0128").find(result[0]) != std::string::npos) << result;
     }
     EXPECT_EQ(intf_getSendFrame(nullptr), 0);
