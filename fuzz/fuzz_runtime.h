@@ -6,6 +6,7 @@
 #define KV3000_FUZZ_RUNTIME_H
 
 #include "fuzz_input.h"
+#include "kv3000_traits.h"
 #include "protocol.h"
 
 #include <QByteArray>
@@ -49,7 +50,7 @@ inline void changeCallback(int context, int station, const QString& name, int ad
         key.reg = name;
         key.address = address;
         key.length = 1;
-        key.dataType = name.endsWith(QLatin1String("_bit")) ? -1 : 0;
+        key.dataType = kvreg::traits(getIndexFromRegName(name)).countsBits() ? -1 : 0;
         intf_addConditionRead(key, 77);
     }
     if (rt.callbackMode >= 3) {

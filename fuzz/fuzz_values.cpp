@@ -6,6 +6,7 @@
 #include "fuzz_input.h"
 #include "fuzz_runtime.h"
 #include "kv3000_catalogue.h"
+#include "kv3000_traits.h"
 #include "sim_protocol.h"
 
 #include <QList>
@@ -23,7 +24,7 @@ kvsim::Memory& plc() {
 }
 
 int elementBytes(int row) {
-    return row >= 0 && regElementBits(row) == 1 ? 1 : 2;
+    return row >= 0 && kvreg::traits(row).countsBits() ? 1 : 2;
 }
 
 // The runtime's buffer for len elements of reg: exactly that many bytes,
@@ -41,15 +42,14 @@ bool expectedShow(const QString& reg, int address, int length, int gap, bool loc
     const int row = getIndexFromRegName(reg);
     if (row < 0 || length < 1 || address < 0 || static_cast<long long>(address) + length > INT_MAX)
         return false;
-    const int element = regElementBits(row);
-    const int transfer = regTransferBits(row);
+    const kvreg::Traits& t = kvreg::traits(row);
     if (static_cast<long long>(length) * elementBytes(row) > KV_BUFFER_SIZE) return false;
-    if (reg == QLatin1String("T") || reg == QLatin1String("C")) return false;
+    if (t.readOnly) return false;
     if (!localOnly && gap <= 0) return false;
     shown.assign(data.begin(), data.end());
-    if (element == 1 && transfer == 16) {
+    if (t.kind == kvreg::Kind::BitInWord) {
         for (auto& b : shown) b = b == 1 ? 1 : 0;  // a bit inside a word is set by exactly 1
-    } else if (element == 32) {
+    } else if (t.elementBits == 32) {
         shown.resize(static_cast<size_t>(length / 2) * 4);  // whole double words only
     }
     return true;

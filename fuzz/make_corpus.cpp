@@ -1,9 +1,11 @@
 // Writes the seed corpus of every harness into <dir>/<harness>/: inputs built
 // from the frames the driver sends and the replies the simulated controller
 // gives in the everyday cases (cyclic reads of every unit kind, writes,
-// condition reads, recipe transfers), and the address texts the codec sees.
+// condition reads, recipe transfers), the address texts the codec sees, and
+// Modbus requests of every function the gateway serves.
 //
 //   kv3000_fuzz_corpus fuzz/corpus
+#include "capture_file.h"
 #include "fuzz_input.h"
 #include "fuzz_runtime.h"
 #include "kv3000_catalogue.h"
@@ -13,6 +15,7 @@
 #include <QDir>
 #include <QFile>
 
+#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <string>
@@ -113,6 +116,36 @@ void receiveSeed(const std::string& name, const std::vector<Key>& keys, const st
     intf_setRcpAddress(entries);
     steps(s, w);
     save("receive", name, w.out);
+}
+
+// Capture files as --capture writes them: the whole conversation; one cut
+// inside its last record; a lone acknowledge and a reply that never came.
+void captureSeeds(const std::vector<Bytes>& frames, const std::vector<Bytes>& replies) {
+    const std::string path = QDir::tempPath().toStdString() + "/kv3000_fuzz_capture.pcap";
+    auto capture = [&](size_t exchanges, bool silent) {
+        kvcapture::Writer w;
+        std::string why;
+        if (!w.open(path, &why)) {
+            std::fprintf(stderr, "%s\n", why.c_str());
+            std::exit(1);
+        }
+        const auto now = std::chrono::system_clock::now();
+        for (size_t i = 0; i < exchanges && i < frames.size(); ++i) {
+            w.write(kvcapture::TO_CONTROLLER, frames[i].data(), frames[i].size(), now);
+            if (!replies[i].empty())  // a lone acknowledge has no reply record
+                w.write(kvcapture::TO_HOST, replies[i].data(), silent ? 0 : replies[i].size(), now);
+        }
+        w.close();
+        QFile f(QString::fromStdString(path));
+        f.open(QIODevice::ReadOnly);
+        const QByteArray bytes = f.readAll();
+        f.remove();
+        return Bytes(bytes.begin(), bytes.end());
+    };
+    const Bytes all = capture(frames.size(), false);
+    save("capture", "conversation", all);
+    save("capture", "cut", Bytes(all.begin(), all.end() - 3));
+    save("capture", "no_reply", capture(3, true));
 }
 
 // A transaction step that hands over the recorded reply as raw bytes.
@@ -314,6 +347,46 @@ void simSeeds() {
         at += n;
     }
     save("sim_request", "pieces", pieces.out);
+    captureSeeds(s.frames, s.replies);
+}
+
+// Modbus TCP requests for the gateway harness: a flags byte (bit 0 writes
+// allowed, bit 1 only unit 1 answered, bit 2 writes succeed), then the bytes
+// a client sends.
+void gatewaySeeds() {
+    auto adu = [](Bytes& out, uint8_t unit, const Bytes& pdu) {
+        const uint16_t tid = static_cast<uint16_t>(out.size());
+        const size_t n = pdu.size() + 1;
+        Bytes head = {uint8_t(tid >> 8), uint8_t(tid), 0, 0, uint8_t(n >> 8), uint8_t(n), unit};
+        out.insert(out.end(), head.begin(), head.end());
+        out.insert(out.end(), pdu.begin(), pdu.end());
+    };
+    const std::vector<std::pair<const char*, std::vector<Bytes>>> seeds = {
+        {"reads",
+         {{1, 0, 0, 0, 16}, {2, 0, 100, 0, 16}, {3, 0, 0, 0, 10}, {4, 0, 0, 0, 6}, {4, 0, 10, 0, 2}}},
+        {"writes",
+         {{5, 0, 3, 0xFF, 0},
+          {6, 0, 5, 0x04, 0xD2},
+          {15, 0, 0, 0, 10, 2, 0xA5, 0x01},
+          {16, 0, 100, 0, 4, 8, 0x86, 0xA0, 0, 1, 0, 2, 0, 3}}},
+        {"refusals",
+         {{7},
+          {16, 0, 101, 0, 2, 4, 0, 1, 0, 2},
+          {5, 0, 100, 0xFF, 0},
+          {3, 0, 0, 0, 126},
+          {5, 0, 3, 0x12, 0x34},
+          {0x2B, 0x0E, 1, 0},
+          {3, 0xFF, 0xFE, 0, 2}}},
+    };
+    for (const auto& seed : seeds) {
+        Bytes out = {0x05};
+        for (const Bytes& pdu : seed.second) adu(out, 1, pdu);
+        save("gateway", seed.first, out);
+    }
+    Bytes units = {0x07};
+    adu(units, 2, {3, 0, 0, 0, 1});
+    adu(units, 1, {3, 0, 0, 0, 1});
+    save("gateway", "units", units);
 }
 
 }  // namespace
@@ -329,6 +402,7 @@ int main(int argc, char** argv) {
     valuesSeeds();
     addressSeeds();
     simSeeds();
+    gatewaySeeds();
     std::printf("%d seeds written under %s\n", written, argv[1]);
     return 0;
 }

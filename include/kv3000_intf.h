@@ -61,6 +61,9 @@ enum KvAddrCheck {
     KV_ADDR_BAD_DATA_TYPE = 5,  // data type not allowed for a 32-bit register
     KV_ADDR_READ_ONLY = 6,
 };
+// FRAME_PRO::id of every frame of a cyclic read block; the frames of writes and
+// condition reads carry the id the runtime gave intf_setData or intf_addConditionRead.
+enum { KV_CYCLIC_READ_ID = 4 };
 enum KvMultiCopyResult {
     KV_COPY_UNKNOWN_REGISTER = 0,
     KV_COPY_DONE = 1,

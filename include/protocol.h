@@ -26,9 +26,6 @@ enum DriverState {
     STATE_RECIPE_READ = 6,
 };
 
-// The request id of every cyclic read block.
-enum { CYCLIC_READ_ID = 4 };
-
 class Protocol {
 public:
     Protocol();

@@ -10,7 +10,18 @@ ROOT=$PWD
 JOBS=$(nproc 2>/dev/null || echo 2)
 
 PACKAGES=(cmake g++ make pkg-config qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev
-          clang libclang-rt-14-dev binutils python3)
+          libcpp-httplib-dev chromium chromium-driver python3-selenium curl jq
+          clang libclang-rt-14-dev binutils python3 libpcap-dev tshark tcpdump
+          libmodbus-dev mbpoll python3-pymodbus python3-serial-asyncio)
+
+# tshark's install asks whether users outside the wireshark group may capture:
+# answered "no" beforehand, so that it installs without a question.
+preseed_tshark() {
+    dpkg -s tshark >/dev/null 2>&1 && return 0
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    echo "wireshark-common wireshark-common/install-setuid boolean false" | $sudo debconf-set-selections
+}
 
 
 configure_build() {  # dir, extra cmake args...
@@ -21,12 +32,14 @@ configure_build() {  # dir, extra cmake args...
 
 case "${1:-}" in
 run)
+    preseed_tshark
     install_missing "${PACKAGES[@]}"
     configure_build build -DKV_BUILD_BENCH=OFF
     shift
     exec "$ROOT/build/tools/kv3000-host" "$@"
     ;;
 test)
+    preseed_tshark
     install_missing "${PACKAGES[@]}"
     configure_build build
     ctest --test-dir build --output-on-failure -j "$JOBS" --timeout 600

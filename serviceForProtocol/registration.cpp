@@ -61,7 +61,7 @@ int intf_addrMerge(QList<KEY_ADDRESS>& keys) {
     for (const MergedBlock& block : blocks) {
         driver.readList.append(blank);
         VARIABLE& v = driver.readList.last();
-        v.id = CYCLIC_READ_ID;
+        v.id = KV_CYCLIC_READ_ID;
         v.station = keys.at(block.source).station;
         v.reg = block.reg;
         v.address = block.address;

@@ -26,11 +26,22 @@ expect_in "$WORK/err" "T5: T is read-only and cannot be written"
 expect_exit 2 "$HOST" $T read R5.x
 expect_in "$WORK/err" 'R5.x: malformed address "5.x" for R (word.bit, e.g. R10.05)'
 expect_exit 2 "$HOST" $T write DM100=65536
-expect_in "$WORK/err" "value 65536 is out of range for DM"
+expect_in "$WORK/err" "value 65536 is too large for DM (at most 65535)"
 expect_exit 2 "$HOST" $T watch
 expect_in "$WORK/err" "watch needs at least one address"
 expect_exit 2 "$HOST" $T frobnicate
 expect_in "$WORK/err" "unknown command 'frobnicate'"
+# Option mistakes in the tool's own words.
+for args in "--bogus info|kv3000-host: unknown option '--bogus'" "--tcp|missing value after '--tcp'" \
+    "--params 1#2#0#3#10 info|local write only (field 2) is 0 or 1" \
+    "--params 1#0#0#0#10 info|the attempts per frame (field 4) must be 1 to 100" \
+    "--params 1#0#0#3#10#5 info|has 6 field(s); it takes five" \
+    "$T --live read DM0|--live changes values of the embedded simulator" \
+    "read DM0 --output x.csv|--output goes with recipe-upload"; do
+    # shellcheck disable=SC2086
+    expect_exit 2 "$HOST" ${args%%|*}
+    expect_in "$WORK/err" "${args#*|}"
+done
 printf 'DM100,1\nQQ1,2\n' >"$WORK/bad.csv"
 expect_exit 2 "$HOST" $T recipe-download "$WORK/bad.csv"
 expect_in "$WORK/err" "bad.csv:2: QQ1: unknown register"
@@ -48,10 +59,23 @@ expect_in "$WORK/err" "cannot open serial $WORK/no-such-tty 9600,8,EVEN,1: No su
 expect_exit 1 "$HOST" --driver "$WORK/none.so" info
 expect_in "$WORK/err" "cannot load the driver $WORK/none.so"
 
-# A peer that never answers: the handshake fails and the host gives up.
+# A peer that never answers: the handshake fails, the host gives up and
+# names what it did not read.
 sim_start --listen 127.0.0.1:0 --faults drop=1
-expect_exit 1 "$HOST" --tcp 127.0.0.1:$SIM_PORT --timeout 50 read DM0
+expect_exit 1 "$HOST" --tcp 127.0.0.1:$SIM_PORT --timeout 50 read DM0 DM1 TC3
 expect_in "$WORK/err" "read DM0 failed: no answer to the handshake from tcp 127.0.0.1:$SIM_PORT (connection failed)"
+expect_in "$WORK/err" "not read: DM1, TC3"
 sim_stop
+
+# A peer that answers, but not like a controller: an HTTP server.
+perl -MIO::Socket::INET -e '$s = IO::Socket::INET->new(LocalAddr => "127.0.0.1:0", Listen => 5) or die;
+    $| = 1; print $s->sockport, "\n";
+    while ($c = $s->accept) { $c->sysread($b, 64); $c->syswrite("HTTP/1.1 400 Bad Request\r\n\r\n"); close $c }' \
+    >"$WORK/http.port" &
+HTTP_PID=$!
+wait_for "$WORK/http.port" "" 5
+expect_exit 1 timeout 20 "$HOST" --tcp "127.0.0.1:$(cat "$WORK/http.port")" read DM0
+expect_in "$WORK/err" "read DM0 failed: the peer at 127.0.0.1:$(cat "$WORK/http.port") does not answer like a KV-3000 (reply starts 48 54 54 50)"
+kill "$HTTP_PID"
 
 finish

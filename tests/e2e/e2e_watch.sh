@@ -23,4 +23,25 @@ expect_in "$WORK/watch" "watching 4 address(es) in"
 expect_in "$WORK/watch" "summary: "
 # Lines carry the time: "12:34:56.789  DM6 = 4660 (0x1234)".
 grep -qE '^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}  DM6 = 4660' "$WORK/watch" || fail "change line without a timestamp"
-finish
+sim_stop
+
+# A closed output ends watch at once, with status 0, and --for is echoed as typed.
+sim_start --listen 127.0.0.1:0 --live
+timeout 10 "$HOST" --tcp 127.0.0.1:$SIM_PORT watch DM0 --for 1000000 | head -2 >"$WORK/head"
+status=${PIPESTATUS[0]}
+[ "$status" = 0 ] || fail "watch into a closed pipe exited $status"
+expect_in "$WORK/head" "over tcp 127.0.0.1:$SIM_PORT for 1000000 s"
+sim_stop
+
+# Reads that start failing and recover are shown; nothing read at all is exit 1.
+sim_start --listen 127.0.0.1:0 --faults drop=0.5 --seed 5
+"$HOST" --tcp 127.0.0.1:$SIM_PORT --timeout 30 watch DM0 --for 30 >"$WORK/watch" 2>&1 &
+HOST_PID=$!
+wait_for "$WORK/watch" "  1#DM0(1) failing: no valid reply after 3 attempts" 10
+wait_for "$WORK/watch" "  1#DM0(1) read again" 10
+kill -INT "$HOST_PID"
+wait "$HOST_PID"
+sim_stop
+sim_start --listen 127.0.0.1:0 --faults drop=1
+expect_exit 1 "$HOST" --tcp 127.0.0.1:$SIM_PORT --timeout 30 watch DM0 TC3 --for 1
+expect_in "$WORK/err" "never read: DM0, TC3"

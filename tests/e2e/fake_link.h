@@ -45,8 +45,12 @@ public:
     std::vector<std::vector<uint8_t>> sent;
     int flushedBytes = 0;
     Micros timeout = 500000;
+    Micros sendTakes = 0;     // how long a send blocks (a serial line drains)
+    bool silenceLost = true;  // a network link: silence means a dead connection
 
     std::string describe() const override { return "fake"; }
+    std::string peer() const override { return "fake"; }
+    bool silenceMeansLost() const override { return silenceLost; }
     bool open(std::string* error) override {
         openTimes.push_back(clock_.now());
         bool ok = true;
@@ -81,6 +85,7 @@ public:
             return false;
         }
         sent.emplace_back(bytes, bytes + n);
+        clock_.advance(sendTakes);
         if (!answers.empty()) {
             const Answer a = answers.front();
             answers.pop_front();

@@ -3,6 +3,7 @@
 #include "address.h"
 #include "commands.h"
 #include "driver_loader.h"
+#include "link_factory.h"
 #include "link_serial.h"
 #include "link_tcp.h"
 #include "operations.h"
@@ -70,9 +71,9 @@ TEST_F(HostArgs, CatalogueComesFromTheDriver) {
     EXPECT_EQ(catalogue_->registers().size(), 28u);
     const RegisterInfo* tc = catalogue_->find(QStringLiteral("TC"));
     ASSERT_NE(tc, nullptr);
-    EXPECT_EQ(tc->kind, RegKind::Dword);
+    EXPECT_EQ(tc->unit(), kvreg::Unit::DWord);
     EXPECT_EQ(tc->maxAddress, 9999);
-    EXPECT_FALSE(catalogue_->find(QStringLiteral("T"))->writable);
+    EXPECT_FALSE(catalogue_->find(QStringLiteral("T"))->writable());
     EXPECT_EQ(catalogue_->find(QStringLiteral("B"))->maxAddress, 0x3FFF);
     EXPECT_EQ(catalogue_->find(QStringLiteral("MR_bit"))->maxAddress, 999 * 16 + 15);
 }
@@ -129,6 +130,15 @@ TEST_F(HostArgs, BadAddressesSayWhatIsWrong) {
     EXPECT_EQ(refusal("DM1:0"), QStringLiteral("DM1:0: malformed count \"0\" (a number of units from 1 up)"));
     EXPECT_EQ(refusal("DM1:513"), QStringLiteral("DM1:513: count 513 is too large (at most 512 for DM)"));
     EXPECT_EQ(refusal("T5", Access::Write), QStringLiteral("T5: T is read-only and cannot be written"));
+    EXPECT_EQ(refusal("ZZ9"), QStringLiteral("ZZ9: unknown register \"ZZ\" ('kv3000-host info' lists them)"));
+    EXPECT_EQ(refusal("DM+5"), QStringLiteral("DM+5: malformed address \"+5\" for DM (decimal, e.g. DM10)"));
+    EXPECT_EQ(refusal("T-0"), QStringLiteral("T-0: malformed address \"-0\" for T (decimal, e.g. T10)"));
+    EXPECT_EQ(refusal("TRM1x"),
+              QStringLiteral("TRM1x: malformed address \"1x\" for TRM (decimal, e.g. TRM7)"));
+    EXPECT_EQ(refusal("DM99999999999"),
+              QStringLiteral("DM99999999999: out of range: DM addresses run from 0 to 65535"));
+    EXPECT_EQ(refusal("DM1:9999999"),
+              QStringLiteral("DM1:9999999: count 9999999 is too large (at most 512 for DM)"));
     Address a;
     EXPECT_TRUE(parse("T5", Access::Read, a));
 }
@@ -151,6 +161,12 @@ TEST_F(HostArgs, WriteArgumentsTakeOneValueForAllOrOnePerUnit) {
     EXPECT_EQ(why, QStringLiteral("DM100:3=1,2: 2 values for 3 units (give one for all, or one per unit)"));
     EXPECT_FALSE(parseWriteArgument(*catalogue_, api_, QStringLiteral("R5.03=2"), w, &why));
     EXPECT_EQ(why, QStringLiteral("R5.03=2: value 2 is out of range for R (a bit: 0 or 1)"));
+    EXPECT_FALSE(parseWriteArgument(*catalogue_, api_, QStringLiteral("DM5=99999999999999999999"), w, &why));
+    EXPECT_EQ(why, QStringLiteral("DM5=99999999999999999999: value 99999999999999999999 is too large for DM "
+                                  "(at most 65535)"));
+    EXPECT_FALSE(parseWriteArgument(*catalogue_, api_, QStringLiteral("Z1=-2147483649"), w, &why));
+    EXPECT_EQ(why,
+              QStringLiteral("Z1=-2147483649: value -2147483649 is too small for Z (at least -2147483648)"));
     EXPECT_FALSE(parseWriteArgument(*catalogue_, api_, QStringLiteral("DM5=abc"), w, &why));
     EXPECT_EQ(why, QStringLiteral("DM5=abc: value \"abc\" is not a number (decimal or 0x hexadecimal)"));
     EXPECT_FALSE(parseWriteArgument(*catalogue_, api_, QStringLiteral("DM5"), w, &why));
@@ -233,8 +249,17 @@ TEST(LinkSettings, SerialParametersAndTcpEndpoints) {
     EXPECT_FALSE(parseSerialParams("9600,8,EVEN", p, &why));
 
     // 9600 baud, 8E1 = 11 bits a character: 17 bytes take 19.479 ms, plus the margin.
-    SerialLink link("/dev/null", SerialParams(), 100000);
-    EXPECT_EQ(link.replyTimeout(17), 19479 + 100000);
+    HostOptions o;
+    o.link = HostOptions::LinkKind::Serial;
+    o.serialDevice = "/dev/null";
+    o.timeoutMs = 100;
+    const std::unique_ptr<Link> serial = makeLink(o, 0);
+    EXPECT_EQ(serial->replyTimeout(17), 19479 + 100000);
+    EXPECT_FALSE(serial->silenceMeansLost());  // a quiet line is not a lost device
+    EXPECT_EQ(serial->describe(), "serial /dev/null 9600,8,EVEN,1");
+    o.link = HostOptions::LinkKind::Embedded;
+    EXPECT_EQ(makeLink(o, 4321)->describe(), "tcp 127.0.0.1:4321");
+    EXPECT_TRUE(makeLink(o, 4321)->silenceMeansLost());
 
     std::string host;
     uint16_t port = 0;

@@ -102,6 +102,7 @@ protected:
 
 TEST_F(LoopTest, SendsTheFrameAndHandsBackExactlyTheExpectedReply) {
     ScriptedDriver::frames.push_back(frame({0x06, 0x01, 0x00, 0xFF}, 10));
+    link.sendTakes = 2 * kMs;
     link.answers.push_back({reply(10), 3 * kMs, false});
     CommLoop loop = makeLoop();
     EXPECT_EQ(loop.step(), CommLoop::Step::Exchanged);
@@ -111,7 +112,7 @@ TEST_F(LoopTest, SendsTheFrameAndHandsBackExactlyTheExpectedReply) {
     EXPECT_EQ(ScriptedDriver::replies[0], bytes(reply(10)));
     ASSERT_EQ(exchanges.size(), 1u);
     EXPECT_EQ(exchanges[0].result, 1);
-    EXPECT_EQ(exchanges[0].roundTrip, 3 * kMs);
+    EXPECT_EQ(exchanges[0].roundTrip, 5 * kMs);  // from the start of the send to the whole reply
     EXPECT_FALSE(exchanges[0].timedOut);
 }
 
@@ -254,11 +255,10 @@ TEST_F(LoopTest, RepliesMissingThreeTimesInARowMeanADeadConnection) {
     while (link.openTimes.size() < 2) loop.step();
     EXPECT_EQ(link.openTimes[1] - lost, 100 * kMs);
 
-    // Switched off (serial lines): silence closes nothing.
-    CommLoop::Config config;
-    config.silentRepliesBeforeReconnect = 0;
+    // A link whose silence means nothing (serial lines) is never closed for it.
     FakeLink quiet(clock);
-    CommLoop serial(&ScriptedDriver::getSendFrame, &ScriptedDriver::dealRcvFrame, quiet, clock, config);
+    quiet.silenceLost = false;
+    CommLoop serial(&ScriptedDriver::getSendFrame, &ScriptedDriver::dealRcvFrame, quiet, clock);
     for (int i = 0; i < 6; ++i) serial.step();
     EXPECT_TRUE(serial.linkUp());
     EXPECT_EQ(quiet.openTimes.size(), 1u);
@@ -285,6 +285,9 @@ TEST(Trace, DescribesEveryKindOfRequest) {
     EXPECT_EQ(d({0x06, 0x01, 0x00, 0xFF, 0x0C, 0x1E, 0x00, 0x00, 0x11, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00,
                  0x00, 0xA0, 0x24, 0x04}),
               "read MR 10 x2");
+    EXPECT_EQ(d({0x06, 0x01, 0x00, 0xFF, 0x0C, 0x1E, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00,
+                 0x00, 0x03, 0xD1, 0x04}),
+              "read T/TC/TS 3 x1");
     EXPECT_EQ(d({0x06, 0x01, 0x00, 0xFF, 0x10, 0x1E, 0x01, 0x00, 0x06, 0x00, 0x00, 0x00,
                  0x02, 0x00, 0x00, 0x00, 0x64, 0x12, 0x34, 0x56, 0x78, 0x52, 0x04}),
               "write DM 100 x2");
@@ -318,28 +321,97 @@ TEST(Trace, ReplyLinesSayWhatBecameOfTheReply) {
               "-> 06   acknowledge\n<- 06 01 00   reply rejected, abandoned: 1#DM100(3) (link lost)\n");
 }
 
-TEST(StatsTest, CountsAndRoundTripPercentile) {
+TEST(Trace, AcceptedRepliesSayWhatTheyCarryInOneLineEach) {
+    struct Case {
+        const char* reg;
+        std::vector<uint8_t> reply;
+        int elements;
+        const char* said;
+    };
+    auto read = [](const std::vector<uint8_t>& values) {
+        std::vector<uint8_t> r = {0x06, 0x01, 0x00, 0xFF, 0x1E, 0x00, 0x00, 0x00, 0x00};
+        for (uint8_t v : values) r.push_back(v);
+        r.push_back(0x00);
+        r.push_back(0x04);
+        return r;
+    };
+    const Case cases[] = {
+        {"DM", read({0x00, 0x01, 0x04, 0xD2}), 2, "values 1, 1234; reply accepted"},
+        {"R", read({0x80, 0x01}), 1, "values 0x8001; reply accepted"},
+        {"TC", read({0x80, 0x00, 0x01, 0x86, 0xA0, 0x00, 0x00, 0x00, 0x05}), 1,
+         "values 100000; reply accepted"},
+        {"T", read({0x80, 0x00, 0x01, 0x86, 0xA0, 0x00, 0x00, 0x00, 0x05}), 1, "values 1; reply accepted"},
+        {"Z", read({0xEE, 0x6B, 0x28, 0x00}), 1, "values 4000000000; reply accepted"},
+        {"DM", {0x06, 0x01, 0x00, 0xFF, 0x1E, 0x01, 0x06, 0x00, 0xDC, 0x04}, 0, "status 00; reply accepted"},
+    };
+    for (const Case& c : cases) {
+        FRAME_PRO f = frame({0x06, 0x01}, static_cast<int>(c.reply.size()));
+        f.reg = QLatin1String(c.reg);
+        f.elementCount = c.elements;
+        f.dataOffset = 9;
+        Exchange ex;
+        ex.frame = &f;
+        ex.expected = f.replyLength;
+        ex.reply = bytes(c.reply);
+        ex.result = KV_DEAL_ACCEPTED;
+        const std::string t = traceExchange(ex);
+        EXPECT_NE(t.find(std::string("   ") + c.said + "\n"), std::string::npos) << c.reg << ": " << t;
+    }
+    // The handshake: its reply is checked for how it starts; a lone acknowledge is one line.
+    FRAME_PRO hs = frame({0x01, 0x00, 0xFF, 0x02, 0x07, 0x01, 0xF7, 0x04}, 9);
+    Exchange ex;
+    ex.frame = &hs;
+    ex.expected = 9;
+    ex.result = KV_DEAL_ACCEPTED;
+    ex.reply = QByteArray("HTTP/1.1 ", 9);
+    EXPECT_NE(traceExchange(ex).find("not a KV-3000 reply; reply accepted"), std::string::npos);
+    FRAME_PRO ack = frame({0x06}, 0);
+    ex.frame = &ack;
+    ex.expected = 0;
+    ex.reply.clear();
+    EXPECT_EQ(traceExchange(ex), "-> 06   acknowledge\n");
+}
+
+TEST(StatsTest, CountsWhatWasRetriedAndWhatFinallyFailed) {
     Stats s;
-    FRAME_PRO f = frame({1, 2, 3, 4}, 10);
-    for (int i = 1; i <= 20; ++i) {
+    FRAME_PRO write = frame({1, 2, 3, 4}, 10);
+    write.id = 1000;
+    FRAME_PRO cyclic = frame({1, 2, 3, 4}, 10);
+    cyclic.id = KV_CYCLIC_READ_ID;
+    cyclic.elementCount = 1;
+    auto record = [&](FRAME_PRO& f, int result, const char* message, Micros roundTrip = 10 * kMs) {
         Exchange ex;
         ex.frame = &f;
         ex.expected = 10;
-        ex.result = i == 20 ? 8 : 1;
+        ex.result = result;
+        ex.message = QLatin1String(message);
         ex.reply = QByteArray(10, 'x');
-        ex.roundTrip = i * kMs;
+        ex.roundTrip = roundTrip;
         s.record(ex);
-    }
+    };
+    for (int i = 1; i <= 19; ++i) record(write, KV_DEAL_ACCEPTED, "1#DM100(1)", i * kMs);
+    record(write, KV_DEAL_RETRY, "1#DM100(1)");  // retried, then through
+    record(write, KV_DEAL_ACCEPTED, "1#DM100(1)");
+    record(write, KV_DEAL_RETRY, "1#DM100(1)");  // retried, then abandoned for good
+    record(write, KV_DEAL_ABANDONED, "1#DM100(1)");
+    record(cyclic, KV_DEAL_ABANDONED, "1#DM0(1)");  // abandoned, read on the next pass
+    record(cyclic, KV_DEAL_ACCEPTED, "1#DM0(1)");
+    record(cyclic, KV_DEAL_ABANDONED, "1#DM5(1)");  // abandoned, not read since
     s.recordLink(LinkEvent::Connected);
     s.recordLink(LinkEvent::Connected);
-    EXPECT_EQ(s.transactions(), 20u);
-    EXPECT_EQ(s.retries(), 1u);
-    EXPECT_EQ(s.bytesSent(), 80u);
-    EXPECT_EQ(s.bytesReceived(), 200u);
+    EXPECT_EQ(s.frames(), 26u);
+    EXPECT_EQ(s.transactions(), 24u);
+    EXPECT_EQ(s.repeats(), 2u);
+    EXPECT_EQ(s.retried(), 2u);
+    EXPECT_EQ(s.failed(), 2u);
+    EXPECT_EQ(s.bytesSent(), 104u);
+    EXPECT_EQ(s.bytesReceived(), 260u);
     EXPECT_EQ(s.reconnects(), 1u);
-    EXPECT_DOUBLE_EQ(s.meanRoundTrip(), 10 * kMs);  // accepted ones: 1..19 ms
-    EXPECT_EQ(s.percentileRoundTrip(0.95), 19 * kMs);
-    EXPECT_NE(s.summary().find("20 transactions, 1 retries, 0 abandoned"), std::string::npos);
+    EXPECT_DOUBLE_EQ(s.meanRoundTrip(), 10 * kMs);  // accepted ones: 1..19 ms and two of 10 ms
+    EXPECT_EQ(s.percentileRoundTrip(0.95), 18 * kMs);
+    EXPECT_NE(s.summary().find("24 transactions (2 retried, 2 failed), 26 frames (2 sent again)"),
+              std::string::npos)
+        << s.summary();
 }
 
 }  // namespace

@@ -37,6 +37,8 @@ for tool in kv3000-host kv3000-sim; do
     fi
 done
 
+[ -f "$libdir/wireshark/plugins/kv3000.lua" ] || fail "Wireshark dissector not installed beside the library"
+
 export LD_LIBRARY_PATH=$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
 
 echo "== find_package(kv3000 CONFIG)"

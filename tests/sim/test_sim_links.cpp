@@ -1,7 +1,11 @@
 // The simulator on its links: a scripted host over TCP and the pseudo-terminal, clients that
-// misbehave, faults on the wire, and the built kv3000-sim with its options, console and signals.
+// misbehave, faults on the wire, captures of the link and their replay, and the built kv3000-sim
+// with its options, console and signals.
+#include "capture_file.h"
 #include "kv3000_sim.h"
 #include "scenario.h"
+
+#include <pcap/pcap.h>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -15,6 +19,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -227,6 +232,144 @@ TEST(Links, PseudoTerminalLiveValuesAndWhereItListens) {
     EXPECT_FALSE(kvsim::Simulator().startTcp("127.0.0.1", sim.port(), &why));  // port taken
 }
 
+// Captures: records of the link read back as exchanges, refused files with the reason, a replay.
+struct TempFile {
+    std::string path = "/tmp/kv3000-capture-XXXXXX";
+    TempFile() { ::close(mkstemp(path.data())); }
+    ~TempFile() { std::remove(path.c_str()); }
+};
+const Bytes kAck{0x06}, kRead = request("1E 00 00 06 00 00 00 01 00 00 00 64");  // DM100 x1
+std::string exchanges(const std::string& path, std::string* warning = nullptr) {
+    kvcapture::Capture c;
+    std::string why, out;
+    if (!kvcapture::readCapture(path, c, &why)) return c.exchanges.empty() ? why : "kept exchanges";
+    for (const auto& e : c.exchanges)
+        out += std::to_string(e.packet) + ":" + hexOf(e.request.data(), long(e.request.size())) +
+               (e.answered
+                    ? "/" + std::to_string(e.replyPacket) + ":" + hexOf(e.reply.data(), long(e.reply.size()))
+                    : "") +
+               " | ";
+    if (warning) *warning = c.warning;
+    return out;
+}
+
+TEST(Capture, AcknowledgesAsTheyCameAndRecordsPairedAndReadBack) {
+    const Bytes bare(kRead.begin() + 1, kRead.end());
+    const std::vector<std::pair<std::vector<Bytes>, std::vector<Bytes>>> cases = {
+        {{kAck}, {kAck}},  // a 06 that nothing follows yet comes out at once
+        {{hx("06 06"), bare}, {kAck, kAck, bare}},
+        {{hx("06 06 01"), Bytes(kRead.begin() + 2, kRead.end())}, {kAck, kRead}},
+        {{kAck, kHandshake1}, {kAck, kHandshake1}},
+        {{hx("06 01 00"), Bytes(kRead.begin() + 3, kRead.end())}, {kRead}},
+        {{hx("AA"), kRead}, {kRead}}};
+    for (const auto& [pieces, frames] : cases) {
+        kvsim::StreamParser parser(true);
+        std::vector<Bytes> got;
+        for (const Bytes& p : pieces)
+            for (auto& f : parser.feed(p.data(), p.size())) got.push_back(f);
+        EXPECT_EQ(got, frames);
+        EXPECT_EQ(parser.acks(), 0u);  // counted by whoever answers them
+    }
+    TempFile file;
+    kvcapture::Writer w;
+    std::string why;
+    ASSERT_TRUE(w.open(file.path, &why)) << why;
+    const auto t = std::chrono::system_clock::now();
+    for (const auto& [dir, b] : std::vector<std::pair<int, Bytes>>{
+             {0, kAck}, {0, kRead}, {1, hx("06 07")}, {0, kRead}, {1, {}}, {0, kRead}})
+        w.write(dir ? kvcapture::TO_HOST : kvcapture::TO_CONTROLLER, b.empty() ? nullptr : b.data(), b.size(),
+                t);
+    EXPECT_EQ(w.records(), 6u);
+    const std::string r = hexOf(kRead.data(), long(kRead.size()));
+    std::string warning = "x";
+    EXPECT_EQ(exchanges(file.path, &warning),  // readable while still open
+              "1:06 | 2:" + r + "/3:06 07 | 4:" + r + "/5: | 6:" + r + " | ");
+    EXPECT_EQ(warning, "");
+    w.close();
+    std::filesystem::resize_file(file.path, std::filesystem::file_size(file.path) - 3);
+    EXPECT_EQ(exchanges(file.path, &warning), "1:06 | 2:" + r + "/3:06 07 | 4:" + r + "/5: | ");
+    EXPECT_NE(warning.find("ends inside record 6"), std::string::npos) << warning;
+}
+
+TEST(Capture, FilesThatAreNotCapturesOfTheLinkAreRefused) {
+    const auto rec = [](uint8_t direction, Bytes b) { return b.insert(b.begin(), direction), b; };
+    const std::vector<std::tuple<int, std::vector<Bytes>, std::string>> cases = {
+        {DLT_EN10MB, {rec(0, kRead)}, "link type EN10MB is not a KV-3000 capture"},
+        {kvcapture::LINK_TYPE, {rec(1, kAck)}, "record 1 is a reply with no unanswered request"},
+        {kvcapture::LINK_TYPE, {rec(0, kRead), rec(1, {}), rec(1, {})}, "record 3 is a reply with no"},
+        {kvcapture::LINK_TYPE, {rec(0, kRead), rec(2, {})}, "record 2 has direction byte 2"},
+        {kvcapture::LINK_TYPE, {Bytes{}}, "record 1 is empty"},
+        {kvcapture::LINK_TYPE, {rec(0, {})}, "record 1 is a request without bytes"}};
+    for (const auto& [linkType, records, reason] : cases) {
+        TempFile file;
+        pcap_t* dead = pcap_open_dead(linkType, 65535);
+        pcap_dumper_t* d = pcap_dump_open(dead, file.path.c_str());
+        for (const Bytes& r : records) {
+            pcap_pkthdr h{};
+            h.caplen = h.len = bpf_u_int32(r.size());
+            pcap_dump(reinterpret_cast<u_char*>(d), &h, r.data());
+        }
+        pcap_dump_close(d), pcap_close(dead);
+        EXPECT_NE(exchanges(file.path).find(reason), std::string::npos) << reason;
+    }
+    EXPECT_NE(exchanges("/nonexistent/x.pcap").find("cannot read capture /nonexistent/x.pcap"),
+              std::string::npos);
+    std::string why;
+    EXPECT_FALSE(kvcapture::Writer().open("/nonexistent/x.pcap", &why));
+    EXPECT_NE(why.find("cannot write capture /nonexistent/x.pcap"), std::string::npos) << why;
+}
+
+// A replay answers each occurrence in recorded order, then from memory (a write lands there even
+// when its recorded reply refused it); a session records what went out, a dropped reply as nothing.
+TEST(Capture, ReplayAndSessionsThatRecord) {
+    const Bytes other = request("1E 00 00 06 00 00 00 01 00 00 00 C8"),
+                write = request("1E 01 00 06 00 00 00 01 00 00 00 64 00 2A");
+    const Bytes refused = kvsim::refusal(kvsim::REFUSE_RANGE);
+    kvcapture::Capture c;
+    for (const auto& [req, answered, reply] :
+         std::vector<std::tuple<Bytes, bool, Bytes>>{{kAck, false, {}},
+                                                     {kRead, true, {1}},
+                                                     {other, true, {9}},
+                                                     {kRead, true, {}},
+                                                     {kRead, false, {}},
+                                                     {write, true, refused}})
+        c.exchanges.push_back({0, req, answered, 0, reply});
+    kvsim::Replay replay(c);
+    EXPECT_EQ(replay.recordedExchanges(), 4u);
+    Bytes reply{0xEE};
+    EXPECT_TRUE(replay.next(Bytes(kRead.begin() + 1, kRead.end()), reply) &&
+                reply == Bytes{1});  // without its 06
+    EXPECT_TRUE(replay.next(kRead, reply) && reply.empty());
+    EXPECT_FALSE(replay.next(kRead, reply));  // used up: from memory
+    EXPECT_TRUE(replay.next(other, reply) && reply == Bytes{9});
+    EXPECT_EQ(replay.replayed(), 3u);
+    EXPECT_EQ(replay.fromMemory(), 1u);
+
+    TempFile file;
+    kvcapture::Writer w;
+    std::string why;
+    ASSERT_TRUE(w.open(file.path, &why)) << why;
+    kvsim::FaultSpec dropAll;
+    dropAll.probability[int(kvsim::Fault::Drop)] = 1;
+    kvsim::FaultInjector faults(dropAll, 1);
+    kvsim::Memory mem;
+    kvsim::Counters counters;
+    Bytes in = kAck;
+    in.insert(in.end(), write.begin(), write.end());
+    const kvsim::Delivery d =
+        kvsim::Session(mem, nullptr, &counters, kvsim::Tap{&w, &replay}).feed(in.data(), in.size());
+    ASSERT_EQ(d.writes.size(), 1u);
+    EXPECT_EQ(d.writes[0].bytes, refused);
+    EXPECT_EQ(mem.get("DM", 100), 42u);
+    EXPECT_TRUE(kvsim::Session(mem, &faults, &counters, kvsim::Tap{&w, nullptr})
+                    .feed(kRead.data(), kRead.size())
+                    .writes.empty());
+    EXPECT_EQ(counters.snapshot().acks, 1u);
+    EXPECT_EQ(exchanges(file.path), "1:06 | 2:" + hexOf(write.data(), long(write.size())) +
+                                        "/3:" + hexOf(refused.data(), long(refused.size())) +
+                                        " | 4:" + hexOf(kRead.data(), long(kRead.size())) + "/5: | ");
+}
+
 // The built simulator with pipes on its stdin and stdout.
 struct Process {
     explicit Process(std::vector<std::string> args) {
@@ -307,6 +450,7 @@ TEST(Binary, HelpAndBadOptions) {
                                                {"--listen", "127.0.0.1"},
                                                {"--listen", "127.0.0.1:70000"},
                                                {"--faults", "jam=1"},
+                                               {"--faults", ""},
                                                {"--seed", "x"}}) {
         Process p(args);
         EXPECT_EQ(p.rest(), "");

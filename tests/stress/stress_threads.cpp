@@ -93,11 +93,8 @@ int pick(int n) {
 
 thread_local int callbackDepth = 0;
 
-bool isBitName(const QString& name) {
-    return name == QLatin1String("DM_bit") || name == QLatin1String("R");
-}
-bool isDwordName(const QString& name) {
-    return name == QLatin1String("TS") || name == QLatin1String("Z");
+const kvreg::Traits& traitsOf(const QString& name) {
+    return kvreg::traits(getIndexFromRegName(name));
 }
 
 void onChange(int context, int station, const QString& name, int address) {
@@ -105,14 +102,14 @@ void onChange(int context, int station, const QString& name, int address) {
     if (context != 1 || callbackDepth > 0) return;  // recipe words and condition-read ends
     ++callbackDepth;
     unsigned char shown[8] = {};
-    intf_getData(station, name, address, isDwordName(name) ? 2 : 1, shown);
+    intf_getData(station, name, address, traitsOf(name).unitLength(), shown);
     if (!quiet.load()) {
         const int dice = pick(20);
         if (dice == 0) {
             QString reg = name;
             unsigned char value[4] = {static_cast<unsigned char>(pick(2)),
                                       static_cast<unsigned char>(pick(256)), 0, 0};
-            intf_setData(station, &reg, address, isDwordName(name) ? 2 : 1, value, 900);
+            intf_setData(station, &reg, address, traitsOf(name).unitLength(), value, 900);
             ++callbackWrites;
         } else if (dice == 1) {
             KEY_ADDRESS key;
@@ -120,7 +117,7 @@ void onChange(int context, int station, const QString& name, int address) {
             key.reg = name;
             key.address = address;
             key.length = 1;
-            key.dataType = isBitName(name) ? -1 : 0;
+            key.dataType = traitsOf(name).countsBits() ? -1 : 0;
             intf_addConditionRead(key, 901);
         }
     }

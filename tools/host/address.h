@@ -5,6 +5,7 @@
 #define KV3000_HOST_ADDRESS_H
 
 #include "driver_loader.h"
+#include "kv3000_traits.h"
 
 #include <QString>
 
@@ -13,13 +14,6 @@
 
 namespace kvhost {
 
-enum class RegKind {
-    Bit,      // R, B, T, C: one bit per address
-    WordBit,  // MR_bit, DM_bit, ...: a bit of a word, address word x 16 + bit
-    Word,     // 16-bit
-    Dword,    // 32-bit (TC, TS, CC, CS, Z, TRM)
-};
-
 struct RegisterInfo {
     QString name;
     QString format;  // "DDDDD", "HHHH", "DDD.DD"
@@ -27,24 +21,26 @@ struct RegisterInfo {
     QString max;
     int minAddress = 0;  // integer forms of min and max
     int maxAddress = 0;
-    RegKind kind = RegKind::Word;
-    bool writable = true;
+    kvreg::Traits traits;  // what the register is, from the one table
 
-    bool isBit() const { return kind == RegKind::Bit || kind == RegKind::WordBit; }
-    bool wordBitNotation() const { return format.contains(QLatin1Char('.')); }
-    bool hexNotation() const { return format.endsWith(QLatin1Char('H')); }
+    // Bit, bit of a word, 16-bit word or 32-bit value.
+    kvreg::Unit unit() const { return traits.unit(); }
+    bool isBit() const { return traits.countsBits(); }
+    bool writable() const { return traits.writable(); }
+    bool wordBitNotation() const { return traits.notation == kvreg::Notation::WordBit; }
+    bool hexNotation() const { return traits.notation == kvreg::Notation::Hex; }
     // The runtime's data type code: -1 bit, 0 16-bit, 3 32-bit.
-    int dataType() const { return isBit() ? -1 : kind == RegKind::Dword ? 3 : 0; }
+    int dataType() const { return isBit() ? -1 : unit() == kvreg::Unit::DWord ? 3 : 0; }
     // Bytes per unit in the runtime's value buffers.
-    int unitBytes() const { return isBit() ? 1 : kind == RegKind::Dword ? 4 : 2; }
+    int unitBytes() const { return traits.unitBytes(); }
     // Runtime length units (bits or 16-bit words) per unit.
-    int unitLength() const { return kind == RegKind::Dword ? 2 : 1; }
+    int unitLength() const { return traits.unitLength(); }
     // The largest count whose values fit one 1024-byte buffer.
     int maxCount() const { return 1024 / unitBytes(); }
 };
 
 // The driver's register catalogue, asked through intf_getRegListByType and
-// intf_getRegDiscription.
+// intf_getRegDiscription; what each register is comes from the traits table.
 class Catalogue {
 public:
     explicit Catalogue(const DriverApi& api);

@@ -101,12 +101,12 @@ CommLoop::Step CommLoop::step() {
 
     std::string why;
     int got = 0;
-    Micros started = clock_.now();
+    const Micros started = clock_.now();
     if (!link_.send(frame_.frame, static_cast<size_t>(sendLength), &why)) {
         ex.linkLost = true;
     } else if (ex.expected > 0) {
-        started = clock_.now();
-        const Micros deadline = started + link_.replyTimeout(ex.expected);
+        // The reply timeout runs from the end of sending (a serial line drains first).
+        const Micros deadline = clock_.now() + link_.replyTimeout(ex.expected);
         while (got < ex.expected) {
             const Micros remaining = deadline - clock_.now();
             if (remaining <= 0) {
@@ -132,7 +132,7 @@ CommLoop::Step CommLoop::step() {
     ex.reply = QByteArray(reinterpret_cast<const char*>(buffer_), got);
     QByteArray reply = ex.reply;
     ex.result = dealRcvFrame_(&reply, &ex.message);
-    if (ex.result == 8) {
+    if (ex.result == KV_DEAL_RETRY) {
         ex.retry = ++rejections_;
     } else {
         rejections_ = 0;
@@ -142,7 +142,7 @@ CommLoop::Step CommLoop::step() {
     if (ex.linkLost) {
         lost = why.empty() ? "link lost" : why;
     } else if (ex.timedOut && got == 0 && config_.silentRepliesBeforeReconnect > 0 &&
-               ++silentReplies_ >= config_.silentRepliesBeforeReconnect) {
+               link_.silenceMeansLost() && ++silentReplies_ >= config_.silentRepliesBeforeReconnect) {
         silentReplies_ = 0;
         lost = "no reply to " + std::to_string(config_.silentRepliesBeforeReconnect) + " requests in a row";
     } else if (got > 0) {

@@ -5,7 +5,7 @@
 #ifndef KV3000_HOST_COMM_LOOP_H
 #define KV3000_HOST_COMM_LOOP_H
 
-#include "kv3000_records.h"
+#include "kv3000_intf.h"
 #include "link.h"
 
 #include <QByteArray>
@@ -19,17 +19,25 @@ namespace kvhost {
 // One frame sent and what became of it.
 struct Exchange {
     const FRAME_PRO* frame = nullptr;
-    QByteArray reply;       // the bytes handed to the driver
-    int expected = 0;       // replyLength of the frame
-    int result = 0;         // intf_dealRcvFrame: 1 accepted, 8 retry, 2 abandoned
-    QString message;        // the driver's text for the frame
-    int retry = 0;          // with result 8: how many rejections of this frame so far
-    Micros roundTrip = 0;   // from the end of sending to the last byte or the timeout
-    bool timedOut = false;  // fewer bytes than expected arrived in time
-    bool linkLost = false;  // the link failed while sending or receiving
+    QByteArray reply;           // the bytes handed to the driver
+    int expected = 0;           // replyLength of the frame
+    int result = KV_DEAL_IDLE;  // what intf_dealRcvFrame made of the reply
+    QString message;            // the driver's text for the frame
+    int retry = 0;              // with result 8: how many rejections of this frame so far
+    Micros roundTrip = 0;       // from the start of sending to the last byte or the timeout
+    bool timedOut = false;      // fewer bytes than expected arrived in time
+    bool linkLost = false;      // the link failed while sending or receiving
+
+    // A frame of a cyclic read block.
+    bool cyclicRead() const { return frame && frame->id == KV_CYCLIC_READ_ID && frame->elementCount > 0; }
 };
 
-enum class LinkEvent { Connected, ConnectFailed, Lost };
+enum class LinkEvent {
+    Connected,
+    ConnectFailed,
+    Lost,
+    NotAController,  // the peer answers, but not like a KV-3000 (reported by the session)
+};
 
 class CommLoop {
 public:
@@ -41,7 +49,7 @@ public:
         Micros backoffInitial = 100000;
         Micros backoffMax = 2000000;
         // Replies missing entirely this many times in a row mean a dead
-        // connection (a pulled cable closes nothing): reconnect. 0 = never.
+        // connection on a link whose silence means so: reconnect. 0 = never.
         int silentRepliesBeforeReconnect = 3;
     };
 

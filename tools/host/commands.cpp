@@ -2,7 +2,7 @@
 
 #include "output.h"
 
-#include <QFile>
+#include <QSaveFile>
 #include <QStringList>
 
 #include <algorithm>
@@ -11,27 +11,28 @@ namespace kvhost {
 
 namespace {
 
-QString sizeText(RegKind k) {
-    switch (k) {
-        case RegKind::Bit:
-        case RegKind::WordBit:
+QString sizeText(kvreg::Unit u) {
+    switch (u) {
+        case kvreg::Unit::Bit:
+        case kvreg::Unit::BitInWord:
             return QStringLiteral("bit");
-        case RegKind::Word:
+        case kvreg::Unit::Word:
             return QStringLiteral("16-bit");
-        case RegKind::Dword:
+        case kvreg::Unit::DWord:
             return QStringLiteral("32-bit");
+        case kvreg::Unit::None:
+            break;
     }
     return QString();
 }
 
-// "1,2,3"; one value for all units prints once; a long list is shortened.
-QString valuesText(const std::vector<uint32_t>& values) {
-    if (values.size() > 1 &&
-        std::all_of(values.begin(), values.end(), [&](uint32_t v) { return v == values[0]; }))
-        return QStringLiteral("%1 (each)").arg(values[0]);
-    QStringList parts;
-    for (size_t i = 0; i < values.size() && i < 8; ++i) parts << QString::number(values[i]);
-    if (values.size() > 8) parts << QStringLiteral("... (%1 values)").arg(values.size());
+// The values as they were typed: "1,2,3", "-1", "7 (each)" for one value
+// given for all units; a long list is shortened.
+QString valuesText(const WriteRequest& w) {
+    const QStringList& typed = w.valueTexts;
+    if (typed.size() == 1 && w.address.count > 1) return QStringLiteral("%1 (each)").arg(typed[0]);
+    QStringList parts = typed.mid(0, 8);
+    if (typed.size() > 8) parts << QStringLiteral("... (%1 values)").arg(typed.size());
     return parts.join(QLatin1Char(','));
 }
 
@@ -65,6 +66,7 @@ bool parseWriteArgument(const Catalogue& catalogue, const DriverApi& api, const 
             return false;
         }
         w.values.push_back(value);
+        w.valueTexts << v.trimmed();
     }
     if (w.values.size() == 1) w.values.assign(static_cast<size_t>(w.address.count), w.values.front());
     out = w;
@@ -75,20 +77,29 @@ bool prepareCommand(const CommandLine& cl, const Catalogue& catalogue, const Dri
                     PreparedCommand& out, QString* error) {
     PreparedCommand p;
     const QString& cmd = cl.command;
-    if (cmd == QLatin1String("watch") || cmd == QLatin1String("read")) {
+    if (cmd == QLatin1String("watch") || cmd == QLatin1String("read") || cmd == QLatin1String("serve")) {
         for (const QString& a : cl.args) {
             Address address;
             if (!parseAddress(catalogue, api, a, Access::Read, address, error)) return false;
             p.addresses.push_back(address);
         }
+        p.forText = cl.forText;
     } else if (cmd == QLatin1String("write")) {
         for (const QString& a : cl.args) {
             WriteRequest w;
             if (!parseWriteArgument(catalogue, api, a, w, error)) return false;
             p.writes.push_back(w);
         }
+    } else if (cmd == QLatin1String("gateway")) {
+        for (const QString& a : cl.args) {
+            GatewayMap m;
+            if (!parseGatewayMap(catalogue, api, a, m, error)) return false;
+            p.maps.push_back(m);
+        }
+        if (!checkGatewayMaps(p.maps, error)) return false;
     } else if (cmd.startsWith(QLatin1String("recipe-"))) {
         p.file = cl.args.first();
+        p.output = cl.outputPath;
         const bool download = cmd == QLatin1String("recipe-download");
         if (!readRecipeFile(catalogue, api, p.file, download, p.rows, error)) return false;
     }
@@ -127,8 +138,8 @@ int runInfo(const DriverApi& api, const Catalogue& catalogue) {
                       .arg(r.format, -10)
                       .arg(r.min, -6)
                       .arg(r.max, -10)
-                      .arg(sizeText(r.kind), -7)
-                      .arg(r.writable ? QStringLiteral("read/write") : QStringLiteral("read only")));
+                      .arg(sizeText(r.unit()), -7)
+                      .arg(r.writable() ? QStringLiteral("read/write") : QStringLiteral("read only")));
     }
     return 0;
 }
@@ -140,15 +151,26 @@ int runWatch(Session& session, const PreparedCommand& cmd, double forSeconds) {
             printLine(timeStamp() + QStringLiteral("  link lost: ") + QString::fromStdString(text));
         else if (e == LinkEvent::Connected)
             printLine(timeStamp() + QStringLiteral("  connected: ") + QString::fromStdString(text));
+        else if (e == LinkEvent::NotAController)
+            printLine(timeStamp() + QStringLiteral("  ") + QString::fromStdString(text));
     });
     const int blocks = watcher.registerAll();
     printLine(QStringLiteral("watching %1 address(es) in %2 read block(s) over %3%4")
                   .arg(cmd.addresses.size())
                   .arg(blocks)
                   .arg(QString::fromStdString(session.linkDescription()))
-                  .arg(forSeconds > 0 ? QStringLiteral(" for %1 s").arg(forSeconds)
+                  .arg(forSeconds > 0 ? QStringLiteral(" for %1 s").arg(cmd.forText)
                                       : QStringLiteral("; Ctrl-C stops")));
-    auto print = [](const std::vector<Watcher::Change>& changes) {
+    const int attempts = session.options().retries;
+    auto printEvents = [&] {
+        for (const Watcher::BlockEvent& e : watcher.takeBlockEvents())
+            printLine(timeStamp() + QStringLiteral("  ") + e.block +
+                      (e.failing ? QStringLiteral(" failing: no valid reply after %1 attempt%2")
+                                       .arg(attempts)
+                                       .arg(attempts == 1 ? "" : "s")
+                                 : QStringLiteral(" read again")));
+    };
+    auto print = [&](const std::vector<Watcher::Change>& changes) {
         for (const Watcher::Change& c : changes)
             printLine(timeStamp() + QStringLiteral("  ") + c.address->unitName(c.unit) +
                       QStringLiteral(" = ") + formatValue(*c.address->reg, c.value));
@@ -160,32 +182,49 @@ int runWatch(Session& session, const PreparedCommand& cmd, double forSeconds) {
         const double left = forSeconds - static_cast<double>(clock.now() - started) / 1e6;
         return left > 1e-3 ? left : 1e-3;
     };
-    // The first values come with the first pass over the read blocks.
-    Session::RunResult r =
-        session.runUntil([&] { return watcher.cyclicReads() >= blocks; }, remaining(), true);
+    // The first values come with the first pass over the read blocks; units
+    // of blocks that failed come when they are first read.
+    Session::RunResult r = session.runUntil(
+        [&] {
+            printEvents();
+            return watcher.cyclicReads() >= blocks;
+        },
+        remaining(), true);
     if (r == Session::RunResult::Done) {
         print(watcher.snapshot());
-        session.runUntil(
+        r = session.runUntil(
             [&] {
+                printEvents();
                 print(watcher.takeChanges());
                 return false;
             },
             remaining(), true);
     }
-    return session.stats().accepted() > 0 ? 0 : 1;
+    if (r == Session::RunResult::OutputClosed) return 0;
+    if (watcher.allRead()) return 0;
+    const QString unread = watcher.unreadText();
+    if (!unread.isEmpty()) printError(QStringLiteral("never read: ") + unread);
+    return 1;
 }
 
 int runRead(Session& session, const PreparedCommand& cmd) {
     int status = 0;
-    for (const Address& a : cmd.addresses) {
+    for (size_t i = 0; i < cmd.addresses.size(); ++i) {
+        const Address& a = cmd.addresses[i];
         const ReadResult r = readAddress(session, a);
+        if (r.run == Session::RunResult::OutputClosed) return 0;
         if (r.ok) {
             printValues(a, r.values);
             continue;
         }
         printError(QStringLiteral("read %1 failed: %2").arg(a.text, r.message));
         status = 1;
-        if (r.run != Session::RunResult::Done) break;
+        if (r.run != Session::RunResult::Done) {
+            QStringList rest;
+            for (size_t j = i + 1; j < cmd.addresses.size(); ++j) rest << cmd.addresses[j].text;
+            if (!rest.isEmpty()) printError(QStringLiteral("not read: ") + rest.join(QStringLiteral(", ")));
+            break;
+        }
     }
     return status;
 }
@@ -193,11 +232,17 @@ int runRead(Session& session, const PreparedCommand& cmd) {
 int runWrite(Session& session, const PreparedCommand& cmd) {
     Session::RunResult run;
     const std::vector<WriteResult> results = writeAll(session, cmd.writes, &run);
+    if (run == Session::RunResult::OutputClosed) return 0;
+    const bool local = session.options().localWriteOnly;
     int status = 0;
     for (size_t i = 0; i < results.size(); ++i) {
         const WriteRequest& w = cmd.writes[i];
         if (results[i].ok) {
-            printLine(QStringLiteral("wrote %1 = %2").arg(w.address.text, valuesText(w.values)));
+            if (local)
+                printLine(QStringLiteral("%1 = %2 shown locally, not sent (local write only)")
+                              .arg(w.address.text, valuesText(w)));
+            else
+                printLine(QStringLiteral("wrote %1 = %2").arg(w.address.text, valuesText(w)));
         } else {
             printError(QStringLiteral("write %1 failed: %2").arg(w.address.text, results[i].message));
             status = 1;
@@ -208,10 +253,12 @@ int runWrite(Session& session, const PreparedCommand& cmd) {
 
 int runRecipeDownload(Session& session, const PreparedCommand& cmd) {
     const RecipeResult r = recipeDownload(session, cmd.rows);
+    if (r.run == Session::RunResult::OutputClosed) return 0;
     if (!r.ok) {
         printError(QStringLiteral("recipe download failed: ") + r.message);
         return 1;
     }
+    // Every row was transferred: rows naming a unit twice are refused before.
     int values = 0;
     for (const RecipeRow& row : cmd.rows) values += static_cast<int>(row.values.size());
     printLine(QStringLiteral("recipe downloaded: %1 row(s), %2 value(s) from %3")
@@ -223,19 +270,22 @@ int runRecipeDownload(Session& session, const PreparedCommand& cmd) {
 
 int runRecipeUpload(Session& session, PreparedCommand& cmd) {
     const RecipeResult r = recipeUpload(session, cmd.rows);
+    if (r.run == Session::RunResult::OutputClosed) return 0;
     if (!r.ok) {
         printError(QStringLiteral("recipe upload failed: ") + r.message);
         return 1;
     }
     const QString text = formatRecipe(cmd.rows);
-    QFile file(cmd.file);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(text.toUtf8()) < 0) {
-        printError(QStringLiteral("cannot write %1: %2").arg(cmd.file, file.errorString()));
-        printRaw(text.toStdString());
+    printRaw(text.toStdString());
+    if (cmd.output.isEmpty()) return 0;
+    // Written whole or not at all: a failed write leaves the file as it was.
+    QSaveFile file(cmd.output);
+    if (!file.open(QIODevice::WriteOnly) || file.write(text.toUtf8()) < 0 || !file.commit()) {
+        printError(QStringLiteral("cannot write %1: %2").arg(cmd.output, file.errorString()));
         return 1;
     }
-    printRaw(text.toStdString());
-    printLine(QStringLiteral("recipe uploaded: %1 row(s) written to %2").arg(cmd.rows.size()).arg(cmd.file));
+    printLine(
+        QStringLiteral("recipe uploaded: %1 row(s) written to %2").arg(cmd.rows.size()).arg(cmd.output));
     return 0;
 }
 

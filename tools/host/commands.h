@@ -4,6 +4,7 @@
 #define KV3000_HOST_COMMANDS_H
 
 #include "address.h"
+#include "gateway_map.h"
 #include "operations.h"
 #include "options.h"
 #include "recipe.h"
@@ -14,10 +15,13 @@
 namespace kvhost {
 
 struct PreparedCommand {
-    std::vector<Address> addresses;    // watch, read
+    std::vector<Address> addresses;    // watch, read, serve
     std::vector<WriteRequest> writes;  // write
     std::vector<RecipeRow> rows;       // recipe-download, recipe-upload
+    std::vector<GatewayMap> maps;      // gateway
     QString file;
+    QString output;   // recipe-upload --output; empty: standard output
+    QString forText;  // watch --for as typed
 };
 
 // "DM100=5", "DM100:3=1,2,3" (or one value for all), "TC5=100000".

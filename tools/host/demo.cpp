@@ -28,12 +28,20 @@ public:
         printLine(QStringLiteral("kv3000-host demo: driver %1 %2 (%3)")
                       .arg(QStringLiteral("kv_3000"), api.getVersion(), QString::fromStdString(api.path)));
         printLine(QStringLiteral("link: ") + QString::fromStdString(session_.linkDescription()));
+        // A closed output ends the tour between its steps.
         watch();
+        if (outputClosed()) return 0;
         if (session_.stats().accepted() == 0) return 1;
-        write();
-        recipe();
-        readBack();
-        printLine(failures_ == 0 ? QStringLiteral("demo done: every value read back as written")
+        for (void (Demo::*step)() : {&Demo::write, &Demo::recipe, &Demo::readBack}) {
+            (this->*step)();
+            if (outputClosed()) return 0;
+        }
+        const QString local = session_.options().localWriteOnly
+                                  ? QStringLiteral(
+                                        "; the writes of step 2 were shown locally, not sent (local "
+                                        "write only)")
+                                  : QString();
+        printLine(failures_ == 0 ? QStringLiteral("demo done: every value read back as written") + local
                                  : QStringLiteral("demo done with %1 failure(s)").arg(failures_));
         return failures_ == 0 ? 0 : 1;
     }
@@ -111,8 +119,11 @@ private:
             if (results[i].ok) {
                 QStringList v;
                 for (uint32_t x : writes[i].values) v << QString::number(x);
-                printLine(
-                    QStringLiteral("   wrote %1 = %2").arg(writes[i].address.text, v.join(QLatin1Char(','))));
+                const QString line =
+                    session_.options().localWriteOnly
+                        ? QStringLiteral("   %1 = %2 shown locally, not sent (local write only)")
+                        : QStringLiteral("   wrote %1 = %2");
+                printLine(line.arg(writes[i].address.text, v.join(QLatin1Char(','))));
             } else {
                 printError(
                     QStringLiteral("write %1 failed: %2").arg(writes[i].address.text, results[i].message));

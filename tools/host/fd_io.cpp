@@ -15,11 +15,11 @@ int toPollMs(Micros us) {
     return ms > 0x7fffffff ? 0x7fffffff : static_cast<int>(ms);
 }
 
-bool writeAll(int fd, bool socket, const uint8_t* bytes, size_t n, Micros room, std::string* error) {
+bool writeAll(int fd, FdMode mode, const uint8_t* bytes, size_t n, Micros room, std::string* error) {
     size_t done = 0;
     while (done < n) {
-        const ssize_t w =
-            socket ? ::send(fd, bytes + done, n - done, MSG_NOSIGNAL) : ::write(fd, bytes + done, n - done);
+        const ssize_t w = mode == FdMode::Socket ? ::send(fd, bytes + done, n - done, MSG_NOSIGNAL)
+                                                 : ::write(fd, bytes + done, n - done);
         if (w > 0) {
             done += static_cast<size_t>(w);
             continue;
@@ -37,16 +37,16 @@ bool writeAll(int fd, bool socket, const uint8_t* bytes, size_t n, Micros room, 
     return true;
 }
 
-long readSome(int fd, bool socket, uint8_t* buffer, size_t n, Micros timeout) {
+long readSome(int fd, FdMode mode, uint8_t* buffer, size_t n, Micros timeout) {
     pollfd p{fd, POLLIN, 0};
     const int ready = ::poll(&p, 1, toPollMs(timeout));
     if (ready < 0) return errno == EINTR ? 0 : -1;
     if (ready == 0) return 0;
-    const ssize_t r = socket ? ::recv(fd, buffer, n, MSG_DONTWAIT) : ::read(fd, buffer, n);
+    const ssize_t r = mode == FdMode::Socket ? ::recv(fd, buffer, n, MSG_DONTWAIT) : ::read(fd, buffer, n);
     if (r > 0) return static_cast<long>(r);
     if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return 0;
     // A serial line reads 0 bytes without hanging up: nothing yet.
-    if (!socket && r == 0 && !(p.revents & (POLLHUP | POLLERR))) return 0;
+    if (mode == FdMode::Terminal && r == 0 && !(p.revents & (POLLHUP | POLLERR))) return 0;
     return -1;
 }
 

@@ -34,6 +34,8 @@ public:
 
     // "tcp 127.0.0.1:8000", "serial /dev/ttyUSB0 9600,8,EVEN,1".
     virtual std::string describe() const = 0;
+    // Where the peer is: "127.0.0.1:8000", "/dev/ttyUSB0".
+    virtual std::string peer() const = 0;
     // Connects or opens the device; false with a reason in error.
     virtual bool open(std::string* error) = 0;
     virtual void close() = 0;
@@ -50,6 +52,10 @@ public:
     virtual long receive(uint8_t* buffer, size_t n, Micros timeout) = 0;
     // How long to wait for a reply of this many bytes.
     virtual Micros replyTimeout(int replyLength) const = 0;
+    // Whether replies missing entirely several times in a row mean a dead
+    // connection (a pulled network cable closes nothing). A quiet serial
+    // line says nothing about the device being gone.
+    virtual bool silenceMeansLost() const = 0;
 };
 
 }  // namespace kvhost

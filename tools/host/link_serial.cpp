@@ -164,7 +164,7 @@ bool SerialLink::send(const uint8_t* bytes, size_t n, std::string* error) {
         if (error) *error = "device closed";
         return false;
     }
-    if (!writeAll(fd_, false, bytes, n, replyTimeout(static_cast<int>(n)), error)) {
+    if (!writeAll(fd_, FdMode::Terminal, bytes, n, replyTimeout(static_cast<int>(n)), error)) {
         close();
         return false;
     }
@@ -175,7 +175,7 @@ bool SerialLink::send(const uint8_t* bytes, size_t n, std::string* error) {
 
 long SerialLink::receive(uint8_t* buffer, size_t n, Micros timeout) {
     if (fd_ < 0) return -1;
-    const long r = readSome(fd_, false, buffer, n, timeout);
+    const long r = readSome(fd_, FdMode::Terminal, buffer, n, timeout);
     if (r < 0) close();
     return r;
 }

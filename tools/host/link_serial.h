@@ -27,6 +27,7 @@ public:
     ~SerialLink() override;
 
     std::string describe() const override;
+    std::string peer() const override { return device_; }
     bool open(std::string* error) override;
     void close() override;
     bool isOpen() const override { return fd_ >= 0; }
@@ -34,6 +35,7 @@ public:
     bool send(const uint8_t* bytes, size_t n, std::string* error) override;
     long receive(uint8_t* buffer, size_t n, Micros timeout) override;
     Micros replyTimeout(int replyLength) const override;
+    bool silenceMeansLost() const override { return false; }
 
 private:
     std::string device_;

@@ -58,8 +58,12 @@ TcpLink::~TcpLink() {
 }
 
 std::string TcpLink::describe() const {
+    return "tcp " + peer();
+}
+
+std::string TcpLink::peer() const {
     const std::string h = host_.find(':') != std::string::npos ? "[" + host_ + "]" : host_;
-    return "tcp " + h + ":" + std::to_string(port_);
+    return h + ":" + std::to_string(port_);
 }
 
 bool TcpLink::open(std::string* error) {
@@ -134,14 +138,14 @@ bool TcpLink::send(const uint8_t* bytes, size_t n, std::string* error) {
         if (error) *error = "not connected";
         return false;
     }
-    if (writeAll(fd_, true, bytes, n, replyTimeout_, error)) return true;
+    if (writeAll(fd_, FdMode::Socket, bytes, n, replyTimeout_, error)) return true;
     close();
     return false;
 }
 
 long TcpLink::receive(uint8_t* buffer, size_t n, Micros timeout) {
     if (fd_ < 0) return -1;
-    const long r = readSome(fd_, true, buffer, n, timeout);
+    const long r = readSome(fd_, FdMode::Socket, buffer, n, timeout);
     if (r < 0) close();
     return r;
 }

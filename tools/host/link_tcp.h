@@ -18,6 +18,7 @@ public:
     ~TcpLink() override;
 
     std::string describe() const override;
+    std::string peer() const override;
     bool open(std::string* error) override;
     void close() override;
     bool isOpen() const override { return fd_ >= 0; }
@@ -25,6 +26,7 @@ public:
     bool send(const uint8_t* bytes, size_t n, std::string* error) override;
     long receive(uint8_t* buffer, size_t n, Micros timeout) override;
     Micros replyTimeout(int) const override { return replyTimeout_; }
+    bool silenceMeansLost() const override { return true; }
 
 private:
     std::string host_;

@@ -1,10 +1,13 @@
 // kv3000-host: the reference HMI runtime. Loads the driver with dlopen, runs
 // the communication loop over TCP, a serial line or an embedded simulator,
 // and carries out one command.
+#include "capture.h"
 #include "commands.h"
 #include "driver_loader.h"
+#include "gateway.h"
 #include "options.h"
 #include "output.h"
+#include "serve.h"
 #include "session.h"
 
 #include <QCoreApplication>
@@ -27,7 +30,7 @@ void onSignal(int) {
 // only with --trace.
 void messageHandler(QtMsgType type, const QMessageLogContext&, const QString& message) {
     if (type == QtDebugMsg || type == QtInfoMsg) {
-        if (gTraceDriver) kvhost::printLine(QStringLiteral("   driver: ") + message);
+        if (gTraceDriver) kvhost::printTrace("   driver: " + message.toStdString() + "\n");
         return;
     }
     std::fprintf(stderr, "kv3000-host: qt: %s\n", message.toLocal8Bit().constData());
@@ -73,6 +76,12 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    HostCapture capture;
+    if (!capture.prepare(cl, &error)) {
+        printError(error);
+        return 2;
+    }
+
     struct sigaction sa {};
     sa.sa_handler = onSignal;
     sigemptyset(&sa.sa_mask);
@@ -86,6 +95,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     session.setStopFlag(&gStop);
+    capture.attach(session);
 
     int status = 0;
     const QString& cmd = cl.command;
@@ -99,8 +109,23 @@ int main(int argc, char** argv) {
         status = runRecipeDownload(session, prepared);
     else if (cmd == QLatin1String("recipe-upload"))
         status = runRecipeUpload(session, prepared);
+    else if (cmd == QLatin1String("serve"))
+        status = runServe(session, catalogue, prepared, cl.serve);
+    else if (cmd == QLatin1String("gateway"))
+        status = runGateway(session, prepared, cl.gateway);
     else
         status = runDemo(session, catalogue);
-    session.printSummary();
+    status = capture.finish(status);
+    // A closed output ends a command without a failure; it gets no summary.
+    if (outputClosed()) {
+        if (outputError().empty()) return 0;
+        printError("cannot write the results: " + outputError());
+        return 1;
+    }
+    // Without --output, recipe-upload's standard output is the recipe itself.
+    if (cmd == QLatin1String("recipe-upload") && cl.outputPath.isEmpty())
+        printError(session.stats().summary());
+    else
+        session.printSummary();
     return status;
 }

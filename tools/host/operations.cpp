@@ -29,6 +29,8 @@ QString runFailure(Session& session, Session::RunResult run) {
             return QStringLiteral("interrupted");
         case Session::RunResult::TimeUp:
             return QStringLiteral("time limit reached");
+        case Session::RunResult::OutputClosed:
+            return QStringLiteral("the output was closed");
         default:
             return QString::fromStdString(session.failure());
     }
@@ -60,10 +62,8 @@ bool parseDriverMessage(const QString& message, FrameName& out) {
     return true;
 }
 
-namespace {
-
 KEY_ADDRESS conditionKey(const Address& a, int count) {
-    if (a.reg->kind != RegKind::Bit) return keyFor(a, count);
+    if (a.reg->unit() != kvreg::Unit::Bit) return keyFor(a, count);
     // The driver reads 16 bits (R, B) or 16 contacts (T, C) for every one
     // asked: ask for a sixteenth, and start early enough that the range
     // read stays inside the register.
@@ -75,8 +75,6 @@ KEY_ADDRESS conditionKey(const Address& a, int count) {
     if (a.address + covered - 1 > last) key.address = std::max(a.reg->minAddress, last - covered + 1);
     return key;
 }
-
-}  // namespace
 
 ReadResult readAddress(Session& session, const Address& address) {
     ReadResult r;
@@ -92,7 +90,8 @@ ReadResult readAddress(Session& session, const Address& address) {
     int status = 0;
     session.conditionReadEnded(&status);
     if (o.failed || status != 0) {
-        r.message = o.message.isEmpty() ? QStringLiteral("the condition read failed") : o.message;
+        r.message =
+            session.explain(o.message.isEmpty() ? QStringLiteral("the condition read failed") : o.message);
         return r;
     }
     std::vector<unsigned char> buffer(static_cast<size_t>(address.bufferBytes()), 0);
@@ -151,7 +150,7 @@ std::vector<WriteResult> writeAll(Session& session, const std::vector<WriteReque
             WriteResult& res = results[chunks[k].request];
             const bool failedBefore = res.confirmed && !res.ok;
             if (o.failed) {
-                if (!failedBefore) res.message = o.message;
+                if (!failedBefore) res.message = session.explain(o.message);
                 res.ok = false;
                 res.confirmed = true;
             } else if (r != Session::RunResult::Done) {
@@ -192,19 +191,74 @@ Watcher::~Watcher() {
 
 int Watcher::registerAll() {
     QList<KEY_ADDRESS> keys;
-    for (const Address& a : addresses_) keys.append(keyFor(a, a.count));
+    unread_.clear();
+    for (size_t i = 0; i < addresses_.size(); ++i) {
+        const Address& a = addresses_[i];
+        keys.append(keyFor(a, a.count));
+        for (int u = 0; u < a.count; ++u) unread_.insert({static_cast<int>(i), u});
+    }
     session_.onChange([this](int, int, const QString& name, int address) { report(name, address); });
     if (observer_ >= 0) session_.removeExchangeObserver(observer_);
-    observer_ = session_.addExchangeObserver([this](const Exchange& ex) {
-        if (ex.frame->id == 4 && ex.frame->elementCount > 0 && (ex.result == 1 || ex.result == 2))
-            ++cyclicReads_;
-    });
+    observer_ = session_.addExchangeObserver([this](const Exchange& ex) { observe(ex); });
     const int blocks = session_.api().addrMerge(keys);
     session_.setCyclicBlocks(blocks);
     return blocks;
 }
 
+namespace {
+
+// A cyclic read block covers a unit of its own register, or a bit of one of
+// its words: the driver reads bit views as the words of their word register.
+bool covers(const FrameName& block, const Address& a, int unit) {
+    int address = a.address + unit;
+    QString reg = a.reg->name;
+    if (a.reg->unit() == kvreg::Unit::BitInWord) {
+        reg = QString::fromLatin1(REG_LIST[a.reg->traits.keyRow]);
+        address /= 16;
+    }
+    return block.reg == reg && address >= block.address &&
+           address < block.address + std::max(1, block.length);
+}
+
+}  // namespace
+
+void Watcher::observe(const Exchange& ex) {
+    if (!ex.cyclicRead() || (ex.result != KV_DEAL_ACCEPTED && ex.result != KV_DEAL_ABANDONED)) return;
+    ++cyclicReads_;
+    const bool ok = ex.result == KV_DEAL_ACCEPTED;
+    if (ok == (failing_.count(ex.message) != 0)) {
+        if (ok)
+            failing_.erase(ex.message);
+        else
+            failing_.insert(ex.message);
+        blockEvents_.push_back({ex.message, !ok});
+    }
+    FrameName block;
+    if (!ok || !parseDriverMessage(ex.message, block)) return;
+    // Units read for the first time are reported with their value.
+    for (auto it = unread_.begin(); it != unread_.end();) {
+        const bool read = covers(block, addresses_[static_cast<size_t>(it->first)], it->second);
+        if (read) pending_.push_back(*it);
+        it = read ? unread_.erase(it) : std::next(it);
+    }
+}
+
+std::vector<Watcher::BlockEvent> Watcher::takeBlockEvents() {
+    std::vector<BlockEvent> events;
+    events.swap(blockEvents_);
+    return events;
+}
+
+QString Watcher::unreadText() const {
+    QStringList texts;
+    int last = -1;
+    for (const auto& u : unread_)
+        if (u.first != last) texts << addresses_[static_cast<size_t>(last = u.first)].text;
+    return texts.join(QStringLiteral(", "));
+}
+
 void Watcher::report(const QString& name, int address) {
+    std::lock_guard<std::mutex> lock(pendingMutex_);
     for (size_t i = 0; i < addresses_.size(); ++i) {
         const Address& a = addresses_[i];
         if (name == a.reg->name && address >= a.address && address < a.address + a.count)
@@ -219,9 +273,14 @@ uint32_t Watcher::valueOf(const Address& a, int unit) {
 }
 
 std::vector<Watcher::Change> Watcher::takeChanges() {
+    std::vector<std::pair<int, int>> pending;
+    {
+        std::lock_guard<std::mutex> lock(pendingMutex_);
+        pending.swap(pending_);
+    }
     std::vector<Change> changes;
     std::set<std::pair<int, int>> seen;
-    for (const auto& p : pending_) {
+    for (const auto& p : pending) {
         if (!seen.insert(p).second) continue;
         const Address& a = addresses_[static_cast<size_t>(p.first)];
         const uint32_t v = valueOf(a, p.second);
@@ -230,16 +289,19 @@ std::vector<Watcher::Change> Watcher::takeChanges() {
         last_[p] = v;
         changes.push_back({&a, p.second, v});
     }
-    pending_.clear();
     return changes;
 }
 
 std::vector<Watcher::Change> Watcher::snapshot() {
     std::vector<Change> all;
-    pending_.clear();
+    {
+        std::lock_guard<std::mutex> lock(pendingMutex_);
+        pending_.clear();
+    }
     for (size_t i = 0; i < addresses_.size(); ++i) {
         const Address& a = addresses_[i];
         for (int u = 0; u < a.count; ++u) {
+            if (unread_.count({static_cast<int>(i), u})) continue;
             const uint32_t v = valueOf(a, u);
             last_[{static_cast<int>(i), u}] = v;
             all.push_back({&a, u, v});

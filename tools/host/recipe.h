@@ -17,12 +17,16 @@ namespace kvhost {
 struct RecipeRow {
     Address address;
     std::vector<uint32_t> values;  // one per unit (empty before an upload)
+    int line = 0;                  // in the file, from 1
 };
 
-// Parses CSV text. withValues: every row needs at least one value, whose
-// number sets the count ("DM100,1,2,3" is DM100:3); without: values are
-// ignored and the count comes from ":N" ("DM100:3"). Blank lines and lines
-// starting with '#' are skipped. Errors name the line: "FILE:3: ...".
+// Parses CSV text: fields separated by commas only, no header row. withValues:
+// every row needs at least one value, whose number sets the count
+// ("DM100,1,2,3" is DM100:3); without: values are ignored and the count
+// comes from ":N" ("DM100:3"). Blank lines and lines starting with '#' are
+// skipped. Two rows may not name the same unit (the driver merges recipe
+// entries by address, so one of them would not be transferred), nor, with
+// values, a word and one of its bits. Errors name the line: "FILE:3: ...".
 bool parseRecipe(const Catalogue& catalogue, const DriverApi& api, const QString& text,
                  const QString& fileName, bool withValues, std::vector<RecipeRow>& rows, QString* error);
 bool readRecipeFile(const Catalogue& catalogue, const DriverApi& api, const QString& path, bool withValues,
@@ -39,6 +43,7 @@ QVector<_RCP_VAR_PRO> recipeEntries(const std::vector<RecipeRow>& rows, int prot
 struct RecipeResult {
     bool ok = false;
     QString message;  // the driver's message for the failed block, or the link failure
+    Session::RunResult run = Session::RunResult::Done;
 };
 // Download: the values into the buffer, byte 60115 set, the loop run until
 // the driver clears it.

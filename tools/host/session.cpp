@@ -1,6 +1,6 @@
 #include "session.h"
 
-#include "link_tcp.h"
+#include "link_factory.h"
 #include "output.h"
 #include "trace.h"
 
@@ -21,6 +21,9 @@ constexpr Micros kOutageBudget = 10 * kSecond;
 // Handshakes abandoned in a row before the peer is taken for something
 // that is not a KV-3000.
 constexpr int kHandshakeFailuresAllowed = 3;
+// Handshake replies in a row that do not start like a KV-3000 reply, from a
+// peer that never sent one that did, before it is taken for something else.
+constexpr int kForeignRepliesAllowed = 3;
 // The shortest time for one pass of cyclic reads over all read blocks.
 constexpr Micros kScanPeriod = 50000;
 
@@ -45,37 +48,25 @@ std::string Session::linkDescription() const {
 }
 
 bool Session::start(std::string* error) {
-    const Micros timeout = static_cast<Micros>(options_.timeoutMs) * 1000;
-    const Micros connectTimeout = std::max<Micros>(kSecond, 2 * timeout);
-    CommLoop::Config config;
-    switch (options_.link) {
-        case HostOptions::LinkKind::Embedded: {
+    uint16_t embeddedPort = 0;
+    if (options_.link == HostOptions::LinkKind::Embedded) {
 #ifdef KV_HOST_EMBEDDED_SIM
-            kvsim::Options simOptions;
-            simOptions.live = options_.liveSimulator;
-            simulator_ = std::make_unique<kvsim::Simulator>(simOptions);
-            std::string why;
-            if (!simulator_->startTcp("127.0.0.1", 0, &why)) {
-                if (error) *error = "cannot start the embedded simulator: " + why;
-                return false;
-            }
-            link_ = std::make_unique<TcpLink>("127.0.0.1", simulator_->port(), connectTimeout, timeout);
-#else
-            if (error)
-                *error = "this build has no embedded simulator: give --tcp HOST:PORT or --serial DEVICE";
+        kvsim::Options simOptions;
+        simOptions.live = options_.liveSimulator;
+        simOptions.replay = options_.simulatorReplay;
+        simulator_ = std::make_unique<kvsim::Simulator>(simOptions);
+        std::string why;
+        if (!simulator_->startTcp("127.0.0.1", 0, &why)) {
+            if (error) *error = "cannot start the embedded simulator: " + why;
             return false;
-#endif
-            break;
         }
-        case HostOptions::LinkKind::Tcp:
-            link_ = std::make_unique<TcpLink>(options_.tcpHost, options_.tcpPort, connectTimeout, timeout);
-            break;
-        case HostOptions::LinkKind::Serial:
-            link_ = std::make_unique<SerialLink>(options_.serialDevice, options_.serial, timeout);
-            // A quiet serial line says nothing about the device being gone.
-            config.silentRepliesBeforeReconnect = 0;
-            break;
+        embeddedPort = simulator_->port();
+#else
+        if (error) *error = "this build has no embedded simulator: give --tcp HOST:PORT or --serial DEVICE";
+        return false;
+#endif
     }
+    link_ = makeLink(options_, embeddedPort);
 
     runtime_ = std::make_unique<Runtime>(api_);
     runtime_->init(options_.params);
@@ -88,7 +79,7 @@ bool Session::start(std::string* error) {
         if (changeHandler_) changeHandler_(context, station, name, address);
     });
 
-    loop_ = std::make_unique<CommLoop>(api_.getSendFrame, api_.dealRcvFrame, *link_, clock_, config);
+    loop_ = std::make_unique<CommLoop>(api_.getSendFrame, api_.dealRcvFrame, *link_, clock_);
     loop_->onExchange([this](const Exchange& ex) { handleExchange(ex); });
     loop_->onLinkEvent([this](LinkEvent e, const std::string& text) { handleLink(e, text); });
     if (!loop_->connectNow()) {
@@ -103,15 +94,33 @@ bool Session::start(std::string* error) {
 
 void Session::handleExchange(const Exchange& ex) {
     stats_.record(ex);
-    if (options_.trace) printRaw(traceExchange(ex));
+    if (options_.trace) printTrace(traceExchange(ex));
+    // The driver checks a handshake reply only for its length: one that does
+    // not start like a KV-3000 reply is no sign of a controller.
+    const bool handshake = isHandshakeRequest(ex.frame->frame, static_cast<size_t>(ex.frame->sendLength));
+    bool foreign = false;
+    if (handshake && !ex.reply.isEmpty()) {
+        foreign = !startsLikeKvReply(ex.reply);
+        if (foreign) {
+            ++foreignReplies_;
+            const QByteArray start = ex.reply.left(4);
+            foreignStart_ = hexBytes(reinterpret_cast<const uint8_t*>(start.constData()),
+                                     static_cast<size_t>(start.size()));
+            if (foreignReplies_ == kForeignRepliesAllowed && !controllerSeen_)
+                handleLink(LinkEvent::NotAController, foreignPeer());
+        } else {
+            foreignReplies_ = 0;
+        }
+    }
     // Only real replies count as signs of life: the handshake's lone
     // acknowledge bytes are "accepted" without any.
-    if (ex.result == 1 && ex.expected > 0) {
+    if (ex.result == KV_DEAL_ACCEPTED && ex.expected > 0 && !foreign) {
         lastAccepted_ = clock_.now();
+        controllerSeen_ = true;
         if (ex.message != kHandshakeMessage) handshakeFailures_ = 0;
     }
-    if (ex.result == 2 && ex.message == kHandshakeMessage) ++handshakeFailures_;
-    if (cyclicBlocks_ > 0 && ex.frame->id == 4 && ex.frame->elementCount > 0 && ex.result != 8 &&
+    if (ex.result == KV_DEAL_ABANDONED && ex.message == kHandshakeMessage) ++handshakeFailures_;
+    if (cyclicBlocks_ > 0 && ex.cyclicRead() && ex.result != KV_DEAL_RETRY &&
         ++cyclicInPass_ >= cyclicBlocks_) {
         const Micros now = clock_.now();
         cyclicInPass_ = 0;
@@ -121,8 +130,8 @@ void Session::handleExchange(const Exchange& ex) {
     const int id = ex.frame->id;
     if (id >= 1000 && id < nextId_) {
         RequestOutcome& o = outcomes_[id];
-        if (ex.result == 1) ++o.accepted;
-        if (ex.result == 2) {
+        if (ex.result == KV_DEAL_ACCEPTED) ++o.accepted;
+        if (ex.result == KV_DEAL_ABANDONED) {
             o.failed = true;
             o.message = ex.message;
         }
@@ -141,6 +150,17 @@ void Session::removeExchangeObserver(int token) {
     exchangeObservers_.erase(token);
 }
 
+std::string Session::foreignPeer() const {
+    if (controllerSeen_ || foreignReplies_ == 0 || !link_) return std::string();
+    return "the peer at " + link_->peer() + " does not answer like a KV-3000 (reply starts " + foreignStart_ +
+           ")";
+}
+
+QString Session::explain(const QString& message) const {
+    const std::string foreign = foreignPeer();
+    return foreign.empty() ? message : QString::fromStdString(foreign);
+}
+
 void Session::handleLink(LinkEvent event, const std::string& text) {
     stats_.recordLink(event);
     if (linkHandler_) {
@@ -157,6 +177,8 @@ void Session::handleLink(LinkEvent event, const std::string& text) {
         case LinkEvent::ConnectFailed:
             if (options_.trace) printError("connect failed: " + text);
             break;
+        case LinkEvent::NotAController:
+            break;  // the failure of the command says so
     }
 }
 
@@ -170,9 +192,14 @@ Session::RunResult Session::runUntil(const std::function<bool()>& done, double t
     for (;;) {
         if (done()) return RunResult::Done;
         if (stop_ && stop_->load()) return RunResult::Interrupted;
+        if (outputClosed()) return RunResult::OutputClosed;
         const Micros now = clock_.now();
         if (limit > 0 && now - start >= limit) return RunResult::TimeUp;
         if (!persistent) {
+            if (!controllerSeen_ && foreignReplies_ >= kForeignRepliesAllowed) {
+                failure_ = foreignPeer();
+                return RunResult::LinkFailed;
+            }
             if (!loop_->linkUp() && now - loop_->downSince() > kOutageBudget) {
                 failure_ = "the link to " + link_->describe() + " stayed down for " +
                            std::to_string(kOutageBudget / kSecond) + " s: " + loop_->lastLinkError();
@@ -185,6 +212,7 @@ Session::RunResult Session::runUntil(const std::function<bool()>& done, double t
             if (now - lastAccepted_ > stallLimit) {
                 failure_ = "no valid reply from " + link_->describe() + " for " +
                            std::to_string(stallLimit / kSecond) + " s";
+                if (!foreignPeer().empty()) failure_ = foreignPeer();
                 return RunResult::LinkFailed;
             }
         }
@@ -208,7 +236,7 @@ bool Session::conditionReadEnded(int* status) const {
 }
 
 void Session::printSummary() {
-    printLine(stats_.summary());
+    printLine(stats_.summary() + summaryExtra_);
 }
 
 }  // namespace kvhost

@@ -19,8 +19,9 @@
 #include <vector>
 
 namespace kvsim {
+class Replay;
 class Simulator;
-}
+}  // namespace kvsim
 
 namespace kvhost {
 
@@ -34,9 +35,11 @@ struct HostOptions {
     std::string params = "1#0#0#3#10";
     int protocolId = 1;
     int retries = 3;
+    bool localWriteOnly = false;  // writes change only the driver's data area
     int timeoutMs = 500;
     bool trace = false;
-    bool liveSimulator = false;  // demo values in the embedded simulator
+    bool liveSimulator = false;                      // demo values in the embedded simulator
+    std::shared_ptr<kvsim::Replay> simulatorReplay;  // the embedded simulator replays a capture
 };
 
 // How one request (a write or a condition read, by its id) ended.
@@ -49,10 +52,11 @@ struct RequestOutcome {
 class Session {
 public:
     enum class RunResult {
-        Done,         // the condition became true
-        LinkFailed,   // the link stayed down, or nothing valid came back, for too long
-        Interrupted,  // the stop flag was raised
-        TimeUp,       // the time limit passed
+        Done,          // the condition became true
+        LinkFailed,    // the link stayed down, or nothing valid came back, for too long
+        Interrupted,   // the stop flag was raised
+        TimeUp,        // the time limit passed
+        OutputClosed,  // the results cannot be written any more (see outputClosed())
     };
 
     Session(const DriverApi& api, const HostOptions& options);
@@ -69,6 +73,12 @@ public:
     const HostOptions& options() const { return options_; }
     kvsim::Simulator* simulator() { return simulator_.get(); }
     std::string linkDescription() const;
+    // "the peer at 127.0.0.1:8000 does not answer like a KV-3000 (reply starts
+    // 48 54 54 50)" while nothing from the peer looked like a controller's
+    // reply and its handshake replies did not; empty otherwise.
+    std::string foreignPeer() const;
+    // The driver's message for a failed request, or the reason above when it applies.
+    QString explain(const QString& message) const;
 
     // Runs the loop until done() is true. Unless persistent, gives up when
     // the link stays down, or no reply is accepted, for too long.
@@ -94,6 +104,7 @@ public:
     int addExchangeObserver(std::function<void(const Exchange&)> observer);
     void removeExchangeObserver(int token);
     // Link events printed to stderr by default; watch turns them into timestamped lines.
+    // NotAController comes once, with foreignPeer() as its text.
     void onLinkEvent(std::function<void(LinkEvent, const std::string&)> handler) {
         linkHandler_ = std::move(handler);
     }
@@ -106,6 +117,8 @@ public:
         pauseUntil_ = 0;
     }
 
+    // Text appended to the summary line ("; modbus: ...").
+    void setSummaryExtra(std::string text) { summaryExtra_ = std::move(text); }
     void printSummary();
 
 private:
@@ -128,6 +141,9 @@ private:
     bool conditionEnded_ = false;
     int conditionStatus_ = 0;
     int handshakeFailures_ = 0;
+    bool controllerSeen_ = false;  // a reply looked like a KV-3000's
+    int foreignReplies_ = 0;       // handshake replies that did not, since the last one that did
+    std::string foreignStart_;     // the first bytes of the last of them, in hex
     Micros lastAccepted_ = 0;
     int cyclicBlocks_ = 0;
     int cyclicInPass_ = 0;
@@ -137,6 +153,7 @@ private:
     std::map<int, std::function<void(const Exchange&)>> exchangeObservers_;
     int nextObserver_ = 0;
     std::function<void(LinkEvent, const std::string&)> linkHandler_;
+    std::string summaryExtra_;
 };
 
 }  // namespace kvhost

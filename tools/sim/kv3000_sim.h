@@ -7,6 +7,7 @@
 #include "sim_faults.h"
 #include "sim_memory.h"
 #include "sim_protocol.h"
+#include "sim_replay.h"
 #include "sim_server.h"
 
 #endif

@@ -1,5 +1,6 @@
 // kv3000-sim: a KV-3000 controller on TCP and, if asked, a pseudo-terminal,
 // with a line console on stdin.
+#include "capture_file.h"
 #include "kv3000_sim.h"
 
 #include <poll.h>
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 namespace {
@@ -20,6 +22,7 @@ const char kHelp[] =
     "\n"
     "SYNOPSIS\n"
     "    kv3000-sim [--listen HOST:PORT] [--pty] [--faults LIST] [--seed N] [--live]\n"
+    "               [--capture FILE.pcap] [--replay FILE.pcap]\n"
     "    kv3000-sim --help\n"
     "\n"
     "DESCRIPTION\n"
@@ -43,11 +46,12 @@ const char kHelp[] =
     "        Also serve a pseudo-terminal in raw mode, for hosts that use serial I/O.\n"
     "    --faults LIST\n"
     "        Inject faults into replies. LIST is a comma-separated list of\n"
-    "        KIND=PROBABILITY, probabilities from 0 to 1. Kinds: drop (no reply),\n"
-    "        corrupt (one byte altered), delay (held back; delay=P:MS, default 200 ms),\n"
-    "        split (sent in 2-4 pieces; split=P:MS pause, default 20 ms), garbage\n"
-    "        (1-8 random bytes in front), close (connection closed instead; on the\n"
-    "        pseudo-terminal the reply is dropped and half-read input forgotten).\n"
+    "        KIND=PROBABILITY, each kind at most once, probabilities from 0 to 1.\n"
+    "        Kinds: drop (no reply), corrupt (one byte altered), delay (held back;\n"
+    "        delay=P:MS, default 200 ms), split (sent in 2-4 pieces; split=P:MS pause,\n"
+    "        default 20 ms), garbage (1-8 random bytes in front), close (connection\n"
+    "        closed instead; on the pseudo-terminal the reply is dropped and\n"
+    "        half-read input forgotten).\n"
     "    --seed N\n"
     "        Seed of the fault generator (default 1): the same seed and the same\n"
     "        requests give the same faults.\n"
@@ -55,6 +59,17 @@ const char kHelp[] =
     "        Change some values by themselves: DM0 counts every 100 ms, DM1 follows a\n"
     "        sine between 0 and 1000 over 10 s, timer T0 runs to its set value 50 and\n"
     "        closes its contact, R0.00 toggles every second.\n"
+    "    --capture FILE.pcap\n"
+    "        Record every frame of every link, requests and replies (faults\n"
+    "        included), with its time, in a pcap file that Wireshark opens with\n"
+    "        tools/wireshark/kv3000.lua. Each record is flushed as it is written.\n"
+    "    --replay FILE.pcap\n"
+    "        Answer each request with the reply recorded for the same request\n"
+    "        bytes in a capture written by --capture (by kv3000-host or\n"
+    "        kv3000-sim), occurrence by occurrence in recorded order, faults and\n"
+    "        missing replies included. A request the capture does not hold, or\n"
+    "        holds fewer times, is answered from memory; writes change memory\n"
+    "        either way. 'stats' then adds 'replay replayed N from-memory M'.\n"
     "    --help\n"
     "        Print this text.\n"
     "\n"
@@ -74,7 +89,12 @@ const char kHelp[] =
     "    kv3000-sim --listen 127.0.0.1:0\n"
     "    kv3000-sim --pty --faults drop=0.01,delay=0.05:300 --seed 7\n"
     "    sleep infinity | kv3000-sim --live          (keeps running without a console)\n"
-    "    printf 'set DM100 1234\\nget DM100:3\\n' | kv3000-sim\n";
+    "    printf 'set DM100 1234\\nget DM100:3\\n' | kv3000-sim\n"
+    "    kv3000-sim --listen 127.0.0.1:8000 --replay field.pcap --capture lab.pcap\n"
+    "\n"
+    "EXIT STATUS\n"
+    "    0 stopped; 1 cannot listen or open the pseudo-terminal; 2 a usage error, or a\n"
+    "    capture that cannot be written or replayed (reported before listening).\n";
 
 int gSignalPipe[2] = {-1, -1};
 
@@ -100,6 +120,12 @@ bool splitHostPort(const std::string& text, std::string& host, uint16_t& port) {
     return true;
 }
 
+// A capture file that cannot be read or written: refused before anything is served.
+int fileError(const std::string& what) {
+    std::fprintf(stderr, "kv3000-sim: %s\n", what.c_str());
+    return 2;
+}
+
 int usageError(const std::string& what) {
     std::fprintf(stderr, "kv3000-sim: %s\nTry 'kv3000-sim --help'.\n", what.c_str());
     return 2;
@@ -112,6 +138,8 @@ int main(int argc, char** argv) {
     uint16_t port = 8000;
     bool pty = false;
     kvsim::Options options;
+    std::string capturePath;
+    std::string replayPath;
 
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
@@ -141,7 +169,7 @@ int main(int argc, char** argv) {
         } else if (arg == "--live" && !hasValue) {
             options.live = true;
         } else if (arg == "--faults") {
-            if (!needValue()) return usageError("--faults needs a LIST");
+            if (!needValue() || value.empty()) return usageError("--faults needs a LIST");
             std::string why;
             if (!kvsim::parseFaultSpec(value, options.faults, &why))
                 return usageError("bad --faults: " + why);
@@ -153,9 +181,33 @@ int main(int argc, char** argv) {
             if (value.empty() || value[0] == '-' || errno != 0 || *end != '\0' || v > 0xFFFFFFFFull)
                 return usageError("bad --seed '" + value + "'");
             options.seed = static_cast<uint32_t>(v);
+        } else if (arg == "--capture") {
+            if (!needValue() || value.empty()) return usageError("--capture needs a FILE");
+            capturePath = value;
+        } else if (arg == "--replay") {
+            if (!needValue() || value.empty()) return usageError("--replay needs a FILE");
+            replayPath = value;
         } else {
             return usageError("unknown option '" + std::string(argv[i]) + "'");
         }
+    }
+
+    // Both files are dealt with before anything is served; the replay is read
+    // first, so that the same file may be replayed and then written anew.
+    if (!replayPath.empty()) {
+        kvcapture::Capture recorded;
+        std::string why;
+        if (!kvcapture::readCapture(replayPath, recorded, &why)) return fileError(why);
+        if (!recorded.warning.empty())
+            std::fprintf(stderr, "kv3000-sim: warning: %s\n", recorded.warning.c_str());
+        options.replay = std::make_shared<kvsim::Replay>(recorded);
+        std::fprintf(stderr, "kv3000-sim: replaying %s: %zu recorded replies\n", replayPath.c_str(),
+                     options.replay->recordedExchanges());
+    }
+    if (!capturePath.empty()) {
+        options.capture = std::make_shared<kvcapture::Writer>();
+        std::string why;
+        if (!options.capture->open(capturePath, &why)) return fileError(why);
     }
 
     if (pipe(gSignalPipe) != 0) {

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <sstream>
+#include <string>
 
 namespace kvsim {
 
@@ -44,10 +47,16 @@ bool parseFaultSpec(const std::string& text, FaultSpec& out, std::string* error)
         if (error) *error = why;
         return false;
     };
-    std::stringstream items(text);
-    std::string item;
-    while (std::getline(items, item, ',')) {
-        if (item.empty()) continue;
+    if (text.empty()) {
+        out = plan;
+        return true;
+    }
+    bool seen[FAULT_KINDS] = {};
+    for (size_t from = 0; from <= text.size();) {
+        const size_t comma = std::min(text.find(',', from), text.size());
+        const std::string item = text.substr(from, comma - from);
+        from = comma + 1;
+        if (item.empty()) return fail("empty item in '" + text + "' (kind=probability, separated by commas)");
         const size_t eq = item.find('=');
         if (eq == std::string::npos) return fail("expected kind=probability in '" + item + "'");
         const std::string kind = item.substr(0, eq);
@@ -64,6 +73,8 @@ bool parseFaultSpec(const std::string& text, FaultSpec& out, std::string* error)
         }
         if (k < 0)
             return fail("unknown fault kind '" + kind + "' (drop, corrupt, delay, split, garbage, close)");
+        if (seen[k]) return fail(kind + " is given twice");
+        seen[k] = true;
         if (!parseProbability(value, plan.probability[k]))
             return fail("bad probability '" + value + "' for " + kind + " (0 to 1)");
         if (colon != std::string::npos) {
@@ -198,11 +209,12 @@ std::string formatStats(const Stats& s) {
     out << "faults";
     for (int i = 0; i < FAULT_KINDS; ++i) out << " " << kFaultNames[i] << " " << s.faults[i];
     out << "\n";
+    if (s.replaying) out << "replay replayed " << s.replayed << " from-memory " << s.fromMemory << "\n";
     return out.str();
 }
 
-Session::Session(Memory& mem, FaultInjector* faults, Counters* counters)
-    : mem_(mem), faults_(faults), counters_(counters) {}
+Session::Session(Memory& mem, FaultInjector* faults, Counters* counters, Tap tap)
+    : mem_(mem), faults_(faults), counters_(counters), tap_(tap), parser_(true) {}
 
 Delivery Session::feed(const uint8_t* data, size_t n) {
     Delivery out;
@@ -210,12 +222,24 @@ Delivery Session::feed(const uint8_t* data, size_t n) {
         Outcome outcome = Outcome::Error;
         std::vector<uint8_t> reply = answer(mem_, frame.data(), frame.size(), &outcome);
         if (counters_) counters_->add(outcome);
-        if (reply.empty()) continue;
-        if (!faults_) {
-            out.writes.push_back(Write{0, std::move(reply)});
-            continue;
+        const auto now = std::chrono::system_clock::now();
+        record(kvcapture::TO_CONTROLLER, frame, now);
+        if (outcome == Outcome::Ack) continue;  // owed no answer
+        if (tap_.replay) tap_.replay->next(frame, reply);
+        Delivery d;
+        if (!reply.empty()) {
+            if (faults_) {
+                d = faults_->apply(std::move(reply));
+            } else {
+                d.writes.push_back(Write{0, std::move(reply)});
+            }
         }
-        Delivery d = faults_->apply(std::move(reply));
+        if (tap_.capture) {
+            std::vector<uint8_t> sent;
+            for (const Write& w : d.writes) sent.insert(sent.end(), w.bytes.begin(), w.bytes.end());
+            const int delay = d.writes.empty() ? 0 : d.writes.front().pauseMs;
+            record(kvcapture::TO_HOST, sent, now + std::chrono::milliseconds(delay));
+        }
         for (auto& w : d.writes) out.writes.push_back(std::move(w));
         if (d.close) {
             out.close = true;
@@ -226,6 +250,11 @@ Delivery Session::feed(const uint8_t* data, size_t n) {
     return out;
 }
 
+void Session::record(uint8_t direction, const std::vector<uint8_t>& bytes, kvcapture::WallTime when) {
+    if (tap_.capture && !tap_.capture->write(direction, bytes.data(), bytes.size(), when))
+        std::fprintf(stderr, "kv3000-sim: %s\n", tap_.capture->failure().c_str());
+}
+
 void Session::expire() {
     parser_.expire();
     syncParserCounters();
@@ -233,7 +262,7 @@ void Session::expire() {
 
 void Session::reset() {
     syncParserCounters();
-    parser_ = StreamParser();
+    parser_ = StreamParser(true);
     seenAcks_ = seenGarbage_ = seenAbandoned_ = 0;
 }
 

@@ -4,6 +4,7 @@
 #define KV3000_SIM_FAULTS_H
 
 #include "sim_protocol.h"
+#include "sim_replay.h"
 
 #include <atomic>
 #include <cstdint>
@@ -25,8 +26,9 @@ struct FaultSpec {
 };
 
 // "drop=0.1,corrupt=0.05,delay=0.05:300,split=0.1:10,garbage=0.02,close=0.01".
-// An empty text gives no faults. Probabilities in [0, 1]; the ":MS" suffix is
-// accepted by delay (hold time) and split (pause between pieces).
+// An empty text gives no faults; an empty item or a kind given twice is
+// refused. Probabilities in [0, 1]; the ":MS" suffix is accepted by delay
+// (hold time) and split (pause between pieces).
 bool parseFaultSpec(const std::string& text, FaultSpec& out, std::string* error = nullptr);
 
 // One write to the link: wait pauseMs after the previous write (or after now
@@ -70,9 +72,13 @@ struct Stats {
     uint64_t garbageBytes = 0;
     uint64_t abandoned = 0;  // half frames given up
     uint64_t faults[FAULT_KINDS] = {};
+    bool replaying = false;
+    uint64_t replayed = 0;    // requests answered with a recorded reply
+    uint64_t fromMemory = 0;  // requests the capture did not hold
 };
 
-// Two lines: "requests ..." and "faults ...".
+// Two lines: "requests ..." and "faults ...", and a third "replay ..." when
+// replaying a capture.
 std::string formatStats(const Stats& s);
 
 class Counters {
@@ -90,11 +96,21 @@ private:
         bitWrites_{0}, valueWrites_{0}, refused_{0}, acks_{0}, garbage_{0}, abandoned_{0};
 };
 
-// One link's conversation: parses what arrives, answers, and lets the
-// injector decide how each answer goes out.
+// Where a link's conversation is recorded and where its replies may come
+// from; either may be null.
+struct Tap {
+    kvcapture::Writer* capture = nullptr;
+    Replay* replay = nullptr;
+};
+
+// One link's conversation: parses what arrives, answers (from the replay
+// when it holds the request; memory changes either way), and lets the
+// injector decide how each answer goes out. Every request and the reply as
+// it goes out (faults included) are recorded; the reply with the time it is
+// due.
 class Session {
 public:
-    Session(Memory& mem, FaultInjector* faults, Counters* counters);
+    Session(Memory& mem, FaultInjector* faults, Counters* counters, Tap tap = Tap());
     Delivery feed(const uint8_t* data, size_t n);
     void expire();
     void reset();  // forget everything buffered
@@ -102,10 +118,12 @@ public:
 
 private:
     void syncParserCounters();
+    void record(uint8_t direction, const std::vector<uint8_t>& bytes, kvcapture::WallTime when);
 
     Memory& mem_;
     FaultInjector* faults_;
     Counters* counters_;
+    Tap tap_;
     StreamParser parser_;
     uint64_t seenAcks_ = 0, seenGarbage_ = 0, seenAbandoned_ = 0;
 };

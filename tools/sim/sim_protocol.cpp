@@ -285,37 +285,48 @@ std::vector<std::vector<uint8_t>> StreamParser::feed(const uint8_t* data, size_t
     std::vector<std::vector<uint8_t>> frames;
     size_t p = 0;
     while (p < buf_.size()) {
-        const size_t avail = buf_.size() - p;
-        const uint8_t b = buf_[p];
-        if (b == kvwire::ACK) {
-            if (avail == 1) break;
-            if (buf_[p + 1] != kvwire::SOF) ++acks_;
-            ++p;
-            continue;
+        // s: where the frame's 01 is; p: where the frame handed out starts
+        // (its 06 when acknowledges are kept).
+        size_t s = p;
+        if (buf_[p] == kvwire::ACK) {
+            const bool attached = p + 1 < buf_.size() && buf_[p + 1] == kvwire::SOF;
+            if (keepAcks_ && !attached) {
+                frames.push_back({kvwire::ACK});
+                ++p;
+                continue;
+            }
+            if (p + 1 == buf_.size()) break;
+            if (!attached) ++acks_;
+            if (!keepAcks_ || !attached) {
+                ++p;
+                continue;
+            }
+            s = p + 1;
         }
-        if (b != kvwire::SOF || (avail >= 2 && buf_[p + 1] != kvwire::HDR2) ||
-            (avail >= 3 && buf_[p + 2] != kvwire::HDR3)) {
+        const size_t avail = buf_.size() - s;
+        if (buf_[s] != kvwire::SOF || (avail >= 2 && buf_[s + 1] != kvwire::HDR2) ||
+            (avail >= 3 && buf_[s + 2] != kvwire::HDR3)) {
             ++garbage_;
-            ++p;
+            p = s + 1;
             continue;
         }
         if (avail < 4) break;
-        const size_t total = static_cast<size_t>(buf_[p + 3]) + 6;
+        const size_t total = static_cast<size_t>(buf_[s + 3]) + 6;
         if (avail < total) {
-            const size_t q = findCompleteFrame(p + 1);
+            const size_t q = findCompleteFrame(s + 1);
             if (q == 0) break;
             ++abandoned_;
             p = q;
             continue;
         }
-        if (buf_[p + total - 1] != kvwire::EOT) {
+        if (buf_[s + total - 1] != kvwire::EOT) {
             ++garbage_;
-            ++p;
+            p = s + 1;
             continue;
         }
         frames.emplace_back(buf_.begin() + static_cast<std::ptrdiff_t>(p),
-                            buf_.begin() + static_cast<std::ptrdiff_t>(p + total));
-        p += total;
+                            buf_.begin() + static_cast<std::ptrdiff_t>(s + total));
+        p = s + total;
     }
     buf_.erase(buf_.begin(), buf_.begin() + static_cast<std::ptrdiff_t>(p));
     return frames;

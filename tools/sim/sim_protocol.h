@@ -67,8 +67,13 @@ std::vector<uint8_t> replyEnvelope(const std::vector<uint8_t>& body);
 // a valid check byte starts later in the buffer (the host moved on to its
 // next request), or on expire(), which the server calls after a quiet spell.
 // The buffer never holds more than one frame's worth of bytes.
+//
+// Keeping acknowledges (the simulator's links do, so that a capture shows
+// what came in): an 06 in front of a frame stays in it, and every other 06
+// comes out at once as a one-byte frame of its own instead of being counted.
 class StreamParser {
 public:
+    explicit StreamParser(bool keepAcknowledges = false) : keepAcks_(keepAcknowledges) {}
     // Returns the complete frames now available, each from its 01 to its 04.
     std::vector<std::vector<uint8_t>> feed(const uint8_t* data, size_t n);
     // Drops a half frame or a pending lone 06.
@@ -82,6 +87,7 @@ public:
 private:
     size_t findCompleteFrame(size_t from) const;
 
+    bool keepAcks_;
     std::vector<uint8_t> buf_;
     uint64_t acks_ = 0;
     uint64_t garbage_ = 0;

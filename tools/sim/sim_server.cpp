@@ -56,8 +56,8 @@ struct Simulator::Link {
         bool close = false;
     };
 
-    Link(int f, int k, Memory& mem, FaultInjector* faults, Counters* counters)
-        : fd(f), kind(k), session(mem, faults, counters) {}
+    Link(int f, int k, Memory& mem, FaultInjector* faults, Counters* counters, Tap tap)
+        : fd(f), kind(k), session(mem, faults, counters, tap) {}
 
     int fd;
     int kind;
@@ -134,6 +134,11 @@ Simulator::~Simulator() {
 Stats Simulator::stats() const {
     Stats s = counters_.snapshot();
     for (int i = 0; i < FAULT_KINDS; ++i) s.faults[i] = faults_.count(static_cast<Fault>(i));
+    if (options_.replay) {
+        s.replaying = true;
+        s.replayed = options_.replay->replayed();
+        s.fromMemory = options_.replay->fromMemory();
+    }
     return s;
 }
 
@@ -279,7 +284,8 @@ void Simulator::run() {
                 if (p.second == LISTENER) {
                     listeners.push_back(p.first);
                 } else {
-                    links.push_back(std::make_unique<Link>(p.first, p.second, memory_, &faults_, &counters_));
+                    links.push_back(
+                        std::make_unique<Link>(p.first, p.second, memory_, &faults_, &counters_, tap()));
                 }
             }
             pendingSources_.clear();
@@ -325,7 +331,7 @@ void Simulator::run() {
                 const int one = 1;
                 setsockopt(c, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
                 counters_.addConnection();
-                links.push_back(std::make_unique<Link>(c, TCP_CLIENT, memory_, &faults_, &counters_));
+                links.push_back(std::make_unique<Link>(c, TCP_CLIENT, memory_, &faults_, &counters_, tap()));
             }
         }
 

@@ -22,6 +22,9 @@ struct Options {
     bool live = false;         // demo values in DM0, DM1, T0 and R0.00
     int frameTimeoutMs = 500;  // a half frame older than this is dropped
     int maxClients = 64;       // further TCP clients are closed at once
+    // Every link's frames recorded here, and replies taken from there first.
+    std::shared_ptr<kvcapture::Writer> capture;
+    std::shared_ptr<Replay> replay;
 };
 
 class Simulator {
@@ -58,6 +61,7 @@ private:
     void addSource(int fd, int kind);
     void run();
     void wake();
+    Tap tap() const { return Tap{options_.capture.get(), options_.replay.get()}; }
 
     Options options_;
     Memory memory_;

@@ -1,0 +1,101 @@
+// How a web write ends, from the frames the loop sees: its own frames, and
+// the condition read queued behind it that the driver starts only once no
+// write waits.
+#include "serve_writes.h"
+
+#include <gtest/gtest.h>
+
+using namespace kvhost;
+using State = WriteTracker::State;
+
+namespace {
+
+class Tracker : public ::testing::Test {
+protected:
+    Tracker() {
+        reg_.name = QStringLiteral("DM");
+        reg_.maxAddress = 65535;
+        dm100_.reg = &reg_;
+        dm100_.address = 100;
+        dm100_.text = QStringLiteral("DM100");
+    }
+    // A write queued with intf_setData.
+    int queued() {
+        const int id = t_.begin(dm100_);
+        t_.queued(id);
+        return id;
+    }
+    void frame(int id, int result, const char* message = "") {
+        FRAME_PRO f;
+        f.id = id;
+        Exchange ex;
+        ex.frame = &f;
+        ex.result = result;
+        ex.message = QString::fromLatin1(message);
+        t_.observe(ex);
+    }
+    int barrier() {
+        KEY_ADDRESS key;
+        int id = 0;
+        EXPECT_TRUE(t_.barrierDue(key, id));
+        EXPECT_EQ(key.reg, QStringLiteral("DM"));
+        EXPECT_EQ(key.address, 100);
+        return id;
+    }
+    State now(int id) { return t_.wait(id, std::chrono::milliseconds(0)).state; }
+
+    RegisterInfo reg_;
+    Address dm100_;
+    WriteTracker t_;
+};
+
+}  // namespace
+
+TEST_F(Tracker, AWriteEndsWhenTheReadBehindItStarts) {
+    const int written = queued(), replaced = queued(), failed = queued();
+    const int b = barrier();
+    frame(written, 1);
+    frame(failed, 8);
+    frame(failed, 2, "1#DM100(1)");
+    frame(b, 8);  // started: every write queued before it is through
+    EXPECT_EQ(now(written), State::Written);
+    EXPECT_EQ(now(replaced), State::Dropped);
+    const WriteTracker::Outcome f = t_.wait(failed, std::chrono::milliseconds(0));
+    EXPECT_EQ(f.state, State::Failed);
+    EXPECT_EQ(f.message, QStringLiteral("1#DM100(1)"));
+}
+
+TEST_F(Tracker, OnlyWritesQueuedBeforeAReadAreSettledByIt) {
+    const int unqueued = t_.begin(dm100_);
+    const int first = queued();
+    const int b1 = barrier();
+    const int second = queued();
+    frame(first, 1);
+    frame(b1, 1);
+    EXPECT_EQ(now(first), State::Written);
+    EXPECT_EQ(now(second), State::TimedOut);
+    EXPECT_EQ(now(unqueued), State::TimedOut);
+    KEY_ADDRESS key;
+    int id;
+    EXPECT_FALSE(t_.barrierDue(key, id)) << "nothing waits";
+}
+
+TEST_F(Tracker, AnAbandonedReadEmptiesTheDriversQueueSoTheReadIsQueuedAgain) {
+    const int first = queued();
+    const int b1 = barrier();
+    const int second = queued();
+    const int b2 = barrier();
+    frame(b1, 2, "1#DM100(1)");  // the driver drops b2 with it
+    EXPECT_EQ(now(first), State::Dropped);
+    frame(second, 1);
+    const int b3 = barrier();
+    EXPECT_NE(b3, b2);
+    frame(b3, 1);
+    EXPECT_EQ(now(second), State::Written);
+}
+
+TEST_F(Tracker, ClosingAnswersEveryWaiter) {
+    const int id = queued();
+    t_.close();
+    EXPECT_EQ(t_.wait(id, std::chrono::seconds(10)).state, State::Closed);
+}
