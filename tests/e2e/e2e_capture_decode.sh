@@ -43,13 +43,12 @@ same_as_raw() {
 sim_start --listen 127.0.0.1:0 --pty --capture "$WORK/sim.pcap"
 tcpdump_start "$WORK/raw.pcap"
 [ -n "$TCPDUMP" ] || echo "not root or no tcpdump: raw TCP captures are left out"
-TCP=--tcp=127.0.0.1:$SIM_PORT
-expect_exit 0 "$HOST" $TCP --capture "$WORK/write.pcap" write DM100:3=1,2,3 TC5=100000 R5.03=1 B3FF=1 Z3=70000 \
+expect_exit 0 "$HOST" $T --capture "$WORK/write.pcap" write DM100:3=1,2,3 TC5=100000 R5.03=1 B3FF=1 Z3=70000 \
     MR10=32769 W1F=9 MR_bit11.05=1
-expect_exit 0 "$HOST" $TCP --capture "$WORK/read.pcap" read DM100:3 TC5 R5.03 MR10
+expect_exit 0 "$HOST" $T --capture "$WORK/read.pcap" read DM100:3 TC5 R5.03 MR10
 tcpdump_stop
 # A host killed in the middle of a watch leaves a readable capture.
-"$HOST" $TCP --capture "$WORK/killed.pcap" watch DM100 >"$WORK/watch" 2>&1 &
+"$HOST" $T --capture "$WORK/killed.pcap" watch DM100 >"$WORK/watch" 2>&1 &
 pid=$!
 wait_for "$WORK/watch" "DM100 = 1" 10
 { kill -KILL "$pid" && wait "$pid"; } 2>/dev/null

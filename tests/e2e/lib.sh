@@ -1,14 +1,17 @@
 # Helpers for the end-to-end scripts: run kv3000-sim with its console on a
-# pair of FIFOs, and check what kv3000-host prints and returns.
-# Usage in a script: source lib.sh; then HOST and SIM are the programs.
+# pair of FIFOs, run kv3000-host, and check what it prints and returns.
+# Usage in a script: source lib.sh "$@"; then HOST and SIM are the programs.
+# Nothing waits a fixed time: every wait polls, with a timeout.
 set -u
 HOST=$1
 SIM=$2
 WORK=$(mktemp -d)
 SIM_PID=
 FAILED=0
+BG=()
 
 cleanup() {
+    [ ${#BG[@]} = 0 ] || kill "${BG[@]}" 2>/dev/null
     sim_stop
     rm -rf "$WORK"
 }
@@ -19,6 +22,12 @@ fail() {
     FAILED=1
 }
 
+finish() {
+    [ "$FAILED" = 0 ] && { echo "1 passed, 0 failed"; exit 0; }
+    echo "0 passed, 1 failed"
+    exit 1
+}
+
 # sim_start ARGS...: starts the simulator; sets SIM_PORT (and SIM_PTY with --pty).
 sim_start() {
     rm -f "$WORK/sim.in" "$WORK/sim.out"
@@ -27,18 +36,14 @@ sim_start() {
     SIM_PID=$!
     exec 7>"$WORK/sim.in" 8<"$WORK/sim.out"
     local line
-    if ! read -r -t 10 line <&8; then
-        echo "simulator did not start: $(cat "$WORK/sim.err")" >&2
-        exit 1
-    fi
+    read -r -t 10 line <&8 || { echo "simulator did not start: $(cat "$WORK/sim.err")" >&2; exit 1; }
     SIM_PORT=${line##*:}
+    T="--tcp 127.0.0.1:$SIM_PORT"
     SIM_PTY=
-    case " $* " in
-    *" --pty "*)
+    if [[ " $* " == *" --pty "* ]]; then
         read -r -t 10 line <&8
         SIM_PTY=${line#serial on }
-        ;;
-    esac
+    fi
 }
 
 # sim_stop: quits the simulator and waits for it.
@@ -56,11 +61,18 @@ sim_stop() {
 sim_get() {
     echo "get $1" >&7
     local n=1 line i
-    case $1 in *:*) n=${1##*:} ;; esac
+    [[ $1 == *:* ]] && n=${1##*:}
     for ((i = 0; i < n; i++)); do
         read -r -t 10 line <&8 || return 1
         echo "${line##* }"
     done
+}
+
+# sim_is ADDR[:N] VALUES: the simulator holds VALUES (comma-separated).
+sim_is() {
+    local got
+    got=$(sim_get "$1" | paste -sd, -)
+    [ "$got" = "$2" ] || fail "the simulator holds $1 = $got, expected $2"
 }
 
 # sim_set ADDR VALUE...: the simulator answers "ok".
@@ -69,6 +81,13 @@ sim_set() {
     local line
     read -r -t 10 line <&8
     [ "$line" = ok ] || fail "simulator: set $*: $line"
+}
+
+# sim_stats N: the N lines the simulator's "stats" prints (requests, faults; replay when replaying).
+sim_stats() {
+    echo stats >&7
+    local line i
+    for ((i = 0; i < $1; i++)); do read -r -t 10 line <&8 && echo "$line"; done
 }
 
 # expect_exit CODE CMD...: runs CMD, output in $WORK/out and $WORK/err.
@@ -84,21 +103,61 @@ expect_exit() {
     fi
 }
 
-# expect_in FILE TEXT: FILE has a line containing TEXT.
+# expect_in FILE TEXT...: FILE has a line containing each TEXT.
 expect_in() {
-    grep -qF -- "$2" "$1" || {
-        fail "no '$2' in $(basename "$1")"
-        head -30 "$1" | sed 's/^/  | /' >&2
-    }
+    local file=$1 text
+    shift
+    for text in "$@"; do
+        grep -qF -- "$text" "$file" || {
+            fail "no '$text' in $(basename "$file")"
+            head -30 "$file" | sed 's/^/  | /' >&2
+        }
+    done
 }
 
-finish() {
-    if [ "$FAILED" = 0 ]; then
-        echo "1 passed, 0 failed"
-        exit 0
-    fi
-    echo "0 passed, 1 failed"
-    exit 1
+# expect_refusals CODE CMD...: each line of stdin is "ARGS|SENTENCE": CMD ARGS
+# exits CODE and says SENTENCE on stderr.
+expect_refusals() {
+    local code=$1 args sentence
+    shift
+    while IFS='|' read -r args sentence; do
+        # shellcheck disable=SC2086
+        expect_exit "$code" "$@" $args </dev/null
+        expect_in "$WORK/err" "$sentence"
+    done
+}
+
+# poll SECONDS CMD...: runs CMD every 50 ms until it succeeds; false after SECONDS.
+poll() {
+    local end=$((SECONDS + $1))
+    shift
+    until "$@"; do
+        [ "$SECONDS" -le "$end" ] || return 1
+        sleep 0.05
+    done
+}
+
+# wait_for FILE TEXT SECONDS: until FILE has a line containing TEXT.
+wait_for() {
+    poll "$3" grep -qF -- "$2" "$1" 2>/dev/null && return 0
+    fail "no '$2' in $(basename "$1") after $3 s"
+    head -40 "$1" | sed 's/^/  | /' >&2
+    return 1
+}
+
+# run_bg NAME CMD...: CMD in the background, output in $WORK/NAME and $WORK/NAME.err; sets PID.
+run_bg() {
+    local name=$1
+    shift
+    "$@" >"$WORK/$name" 2>"$WORK/$name.err" &
+    PID=$!
+    BG+=("$PID")
+}
+
+# stop_bg PID SIGNAL: signals PID and expects it to end with status 0.
+stop_bg() {
+    kill "-$2" "$1"
+    wait "$1" || fail "pid $1 exited $? on SIG$2"
 }
 
 # Every register kind, with a value that is not the memory's initial zero.
@@ -125,19 +184,6 @@ roundtrip() {
         v=${kv#*=}
         got=$(grep -E "^$a = " "$WORK/out" | head -1 | awk '{print $3}')
         [ "$got" = "$v" ] || fail "read $a gave '$got', expected $v"
-        got=$(sim_get "$a")
-        [ "$got" = "$v" ] || fail "simulator has $a = '$got', expected $v"
+        sim_is "$a" "$v"
     done
-}
-
-# wait_for FILE TEXT SECONDS: until FILE has a line containing TEXT.
-wait_for() {
-    local i
-    for ((i = 0; i < $3 * 20; i++)); do
-        grep -qF -- "$2" "$1" 2>/dev/null && return 0
-        sleep 0.05
-    done
-    fail "no '$2' in $(basename "$1") after $3 s"
-    head -40 "$1" | sed 's/^/  | /' >&2
-    return 1
 }
