@@ -2,7 +2,7 @@
 # the gateway over the simulator read values set on its console and write
 # into its memory (shown by kv3000-host read); every function and exception
 # (gateway_clients.py); a write the controller never answers gives exception
-# 4; 20 clients polling at once. Prints requests/s and the age of the values.
+# 4. Many clients at once: tests/stress (stress_gateway).
 source "$(dirname "$0")/lib.sh" "$@"
 PY=/usr/bin/python3
 command -v mbpoll >/dev/null && $PY -c 'import pymodbus' 2>/dev/null ||
@@ -60,13 +60,10 @@ expect_in "$WORK/out" "DM12 = 1234 (0x04D2)" "Z0 = 100000 (0x000186A0)"
 $CLIENTS cases "$PORT" || fail "pymodbus cases"
 expect_exit 0 "$HOST" $T read DM10
 expect_in "$WORK/out" "DM10 = 4321 (0x10E1)"
-$CLIENTS poll "$PORT" 5 || fail "20 clients polling"
 expect_in "$WORK/main" "modbus write DM10 = 4321 from 127.0.0.1:"
 stop_bg $GATEWAY TERM
 # What the cases above refused, by code (and 11s if the first read came early).
 expect_in "$WORK/main" "; modbus: " "exceptions (4 of code 1, 8 of code 2, 4 of code 3, 1 of code 10"
-most=$(sed -n 's/.* clients (\([0-9]*\) at most at once.*/\1/p' "$WORK/main")
-[ "${most:-0}" -ge 20 ] || fail "the summary has not the 20 clients at once: $(tail -1 "$WORK/main")"
 
 gateway_start readonly $T gateway --modbus 127.0.0.1:0 DM0:10=hr0 MR_bit10.00:8=co0
 $CLIENTS readonly "$PORT" || fail "pymodbus without --allow-writes"

@@ -32,12 +32,14 @@ printf 'DM100,1\nDM100,2\n' >"$WORK/twice.csv"
 printf '# overlapping\nDM100,5\nDM99:3,7,8,9\n' >"$WORK/over.csv"
 printf 'DM_bit100.05,1\nDM100,0\n' >"$WORK/bit.csv"
 printf 'DM100;1\n' >"$WORK/semi.csv"
+printf 'DM100:3\n' >"$WORK/none.csv"
 expect_refusals 2 "$HOST" $T <<EOF2
 recipe-download $WORK/twice.csv|twice.csv:2: DM100 and line 1 (DM100) both name DM100; a recipe transfers each unit from one row only
 recipe-download $WORK/over.csv|over.csv:3: DM99:3 and line 2 (DM100) both name DM100
 recipe-upload $WORK/over.csv|over.csv:3: DM99:3 and line 2 (DM100) both name DM100
 recipe-download $WORK/bit.csv|bit.csv:2: DM100 and line 1 (DM_bit100.05) both name DM100
 recipe-download $WORK/semi.csv|semi.csv:1: expected comma-separated fields, found ';'
+recipe-download $WORK/none.csv|none.csv:1: DM100:3 has no value
 EOF2
 sim_is DM99:3 0,0,0
 sim_stop

@@ -25,6 +25,10 @@ $T watch|watch needs at least one address
 $T frobnicate|unknown command 'frobnicate'
 --bogus info|kv3000-host: unknown option '--bogus'
 --tcp|missing value after '--tcp'
+--tcp a:1 --serial /dev/ttyS0 info|
+--tcp a:1|
+--params 1#0#0#3#0 info|
+recipe-upload|
 --params 1#2#0#3#10 info|local write only (field 2) is 0 or 1
 --params 1#0#0#0#10 info|the attempts per frame (field 4) must be 1 to 100
 --params 1#0#0#3#10#5 info|has 6 field(s); it takes five
@@ -33,7 +37,8 @@ $T read DM0 --for 3|--for goes with watch
 $T read DM0 --output x.csv|--output goes with recipe-upload
 $T recipe-download $WORK/bad.csv|bad.csv:2: QQ1: unknown register
 EOF2
-line=$(sim_stats 2 | head -1)
+echo stats >&7
+read -r -t 10 line <&8 && read -r -t 10 _ <&8
 [[ $line == "requests 0 "*"connections 0" ]] || fail "the refused commands reached the simulator: $line"
 sim_stop
 

@@ -3,13 +3,11 @@
 #   cases PORT         every function and exception against the maps of e2e_gateway.sh
 #   readonly PORT      a gateway without --allow-writes: writes are illegal functions
 #   down PORT          a gateway whose controller never answers: reads 11, a write 4
-#   poll PORT SECONDS  20 clients at once; prints requests/s and the age of the values read
 import logging
 import os
 import socket
 import struct
 import sys
-import threading
 import time
 
 from pymodbus.client import ModbusTcpClient
@@ -132,61 +130,9 @@ def down(port):
     c.close()
 
 
-def poll(port, seconds, clients=20):
-    """Each client reads hr0:10 (DM5 moves) and now and then writes its own hr30 + k."""
-    first = client(port)
-    until(lambda: first.read_holding_registers(5, 1, slave=1), [1234])
-    first.close()
-    sets, reads, last_write, errors = [], [[] for _ in range(clients)], [0] * clients, []
-    stop = threading.Event()
-
-    def run(k):
-        c = client(port)
-        while not stop.is_set():
-            n = len(reads[k]) + last_write[k] // 25 + 1
-            if n % 25 == 0:
-                if (r := outcome(c.write_register(30 + k, n, slave=1))) is not True:
-                    errors.append(f"client {k} write: {r}")
-                last_write[k] = n
-            elif isinstance(r := outcome(c.read_holding_registers(0, 10, slave=1)), list):
-                reads[k].append((time.time(), r[5]))
-            else:
-                errors.append(f"client {k} read: {r}")
-                break
-        c.close()
-
-    threads = [threading.Thread(target=run, args=(k,)) for k in range(clients)]
-    start = time.time()
-    for t in threads:
-        t.start()
-    for value in range(2001, 2001 + int(seconds / 0.05)):
-        sets.append((time.time(), value))
-        sim(f"set DM5 {value}")
-        time.sleep(0.05)
-    stop.set()
-    for t in threads:
-        t.join()
-    elapsed = time.time() - start
-    # A value read is as old as the time since the controller held the next one.
-    superseded = {v: t for (_, v), (t, _) in zip([(0, 1234)] + sets, sets)}
-    ages = []
-    for k, rs in enumerate(reads):
-        if [v for _, v in rs] != sorted(v for _, v in rs):
-            errors.append(f"client {k} saw DM5 go back")
-        ages += [max(0.0, t - superseded[v]) if v in superseded else 0.0 for t, v in rs]
-        if last_write[k] and sim(f"get DM{30 + k}") != [str(last_write[k])]:
-            errors.append(f"client {k}: DM{30 + k} does not hold its last write {last_write[k]}")
-    FAILED.extend(errors[:10])
-    ages.sort()
-    total = sum(len(r) for r in reads) + sum(n // 25 for n in last_write)
-    print(f"{clients} clients: {total / elapsed:.0f} requests/s for {elapsed:.1f} s; age of the values read: "
-          f"median {1000 * ages[len(ages) // 2]:.0f} ms, 99th percentile {1000 * ages[len(ages) * 99 // 100]:.0f} ms, "
-          f"max {1000 * ages[-1]:.0f} ms")
-
-
 if __name__ == "__main__":
     mode, port = sys.argv[1], int(sys.argv[2])
-    {"cases": cases, "readonly": readonly, "down": down}.get(mode, lambda p: poll(p, float(sys.argv[3])))(port)
+    {"cases": cases, "readonly": readonly, "down": down}[mode](port)
     for f in FAILED:
         print("FAIL:", f, file=sys.stderr)
     sys.exit(1 if FAILED else 0)

@@ -10,23 +10,12 @@ SIM_PID=
 FAILED=0
 BG=()
 
-cleanup() {
-    [ ${#BG[@]} = 0 ] || kill "${BG[@]}" 2>/dev/null
-    sim_stop
-    rm -rf "$WORK"
-}
+cleanup() { [ ${#BG[@]} = 0 ] || kill "${BG[@]}" 2>/dev/null; sim_stop; rm -rf "$WORK"; }
 trap cleanup EXIT
 
-fail() {
-    echo "FAIL: $*" >&2
-    FAILED=1
-}
+fail() { echo "FAIL: $*" >&2; FAILED=1; }
 
-finish() {
-    [ "$FAILED" = 0 ] && { echo "1 passed, 0 failed"; exit 0; }
-    echo "0 passed, 1 failed"
-    exit 1
-}
+finish() { [ "$FAILED" = 0 ] && { echo "1 passed, 0 failed"; exit 0; } || { echo "0 passed, 1 failed"; exit 1; }; }
 
 # sim_start ARGS...: starts the simulator; sets SIM_PORT (and SIM_PTY with --pty).
 sim_start() {
@@ -76,19 +65,7 @@ sim_is() {
 }
 
 # sim_set ADDR VALUE...: the simulator answers "ok".
-sim_set() {
-    echo "set $*" >&7
-    local line
-    read -r -t 10 line <&8
-    [ "$line" = ok ] || fail "simulator: set $*: $line"
-}
-
-# sim_stats N: the N lines the simulator's "stats" prints (requests, faults; replay when replaying).
-sim_stats() {
-    echo stats >&7
-    local line i
-    for ((i = 0; i < $1; i++)); do read -r -t 10 line <&8 && echo "$line"; done
-}
+sim_set() { echo "set $*" >&7 && read -r -t 10 line <&8 && [ "$line" = ok ] || fail "simulator: set $*: $line"; }
 
 # expect_exit CODE CMD...: runs CMD, output in $WORK/out and $WORK/err.
 expect_exit() {
@@ -146,44 +123,7 @@ wait_for() {
 }
 
 # run_bg NAME CMD...: CMD in the background, output in $WORK/NAME and $WORK/NAME.err; sets PID.
-run_bg() {
-    local name=$1
-    shift
-    "$@" >"$WORK/$name" 2>"$WORK/$name.err" &
-    PID=$!
-    BG+=("$PID")
-}
+run_bg() { "${@:2}" >"$WORK/$1" 2>"$WORK/$1.err" & PID=$! && BG+=("$PID"); }
 
 # stop_bg PID SIGNAL: signals PID and expects it to end with status 0.
-stop_bg() {
-    kill "-$2" "$1"
-    wait "$1" || fail "pid $1 exited $? on SIG$2"
-}
-
-# Every register kind, with a value that is not the memory's initial zero.
-ROUNDTRIP_VALUES=(
-    DM100=1234 TM200=2 CM300=3 EM400=4 FM500=5 MR10=32769 LR20=7 CR30=8 W1F=9 ZF131071=10
-    TC5=100000 TS6=200000 CC7=300000 CS8=400000 Z3=4294967295 TRM7=123456789
-    R5.03=1 B3FF=1 MR_bit11.05=1 LR_bit2.15=1 CR_bit3.01=1 DM_bit600.07=1 TM_bit9999.15=1
-    CM_bit700.00=1 EM_bit800.08=1 FM_bit900.03=1
-)
-
-# roundtrip LINK-OPTIONS...: writes every kind, reads it back through the
-# host, and checks the simulator's memory; T and C (read-only) are set on
-# the simulator's console and read.
-roundtrip() {
-    local addrs=() kv a v got
-    for kv in "${ROUNDTRIP_VALUES[@]}"; do addrs+=("${kv%%=*}"); done
-    expect_exit 0 "$HOST" "$@" write "${ROUNDTRIP_VALUES[@]}"
-    [ "$(grep -c '^wrote ' "$WORK/out")" = ${#ROUNDTRIP_VALUES[@]} ] || fail "not every write confirmed"
-    sim_set T5 1
-    sim_set C6 1
-    expect_exit 0 "$HOST" "$@" read "${addrs[@]}" T5 C6 T4
-    for kv in "${ROUNDTRIP_VALUES[@]}" T5=1 C6=1 T4=0; do
-        a=${kv%%=*}
-        v=${kv#*=}
-        got=$(grep -E "^$a = " "$WORK/out" | head -1 | awk '{print $3}')
-        [ "$got" = "$v" ] || fail "read $a gave '$got', expected $v"
-        sim_is "$a" "$v"
-    done
-}
+stop_bg() { kill "-$2" "$1" && wait "$1" || fail "pid $1 exited $? on SIG$2"; }

@@ -1,5 +1,5 @@
 // What the host checks before it sends anything: the driver it loads, the
-// addresses and values on its command line, recipe rows, link settings.
+// addresses and values on its command line, link settings.
 // The messages that e2e_usage.sh and e2e_recipe.sh already check through the
 // built program are not repeated here.
 #include "address.h"
@@ -9,8 +9,6 @@
 #include "link_serial.h"
 #include "link_tcp.h"
 #include "operations.h"
-#include "options.h"
-#include "recipe.h"
 
 #include <gtest/gtest.h>
 
@@ -116,17 +114,6 @@ TEST_F(HostArgs, WriteArgumentsTakeOneValueForAllOrOnePerUnit) {
     }
 }
 
-TEST_F(HostArgs, RecipeRowsNeedValuesOnlyForADownload) {
-    std::vector<RecipeRow> rows;
-    QString why;
-    const QString csv = QStringLiteral("# a recipe\nDM100:3\n\nW1F:2,4,5\n");
-    EXPECT_FALSE(parseRecipe(*catalogue, api, csv, QStringLiteral("r.csv"), true, rows, &why));
-    EXPECT_EQ(why, QStringLiteral("r.csv:2: DM100:3 has no value"));
-    ASSERT_TRUE(parseRecipe(*catalogue, api, csv, QStringLiteral("u.csv"), false, rows, &why));
-    EXPECT_EQ(rows.at(0).address.count, 3);
-    EXPECT_TRUE(rows[0].values.empty());
-}
-
 TEST(DriverMessages, TakeTheFrameNameApart) {
     FrameName f;
     ASSERT_TRUE(parseDriverMessage(QStringLiteral("1#DM100(5)"), f));
@@ -166,30 +153,6 @@ TEST(LinkSettings, SerialParametersTheirTimingAndTcpEndpoints) {
     ASSERT_TRUE(parseHostPort("[::1]:502", host, port, &why));
     EXPECT_EQ(std::make_tuple(host, port), std::make_tuple(std::string("::1"), uint16_t(502)));
     for (const char* bad : {"plc", "plc:0", "plc:70000"}) EXPECT_FALSE(parseHostPort(bad, host, port, &why));
-}
-
-TEST(CommandLineTest, OptionsAndTheirMistakes) {
-    CommandLine c;
-    QString why;
-    ASSERT_TRUE(parseCommandLine({"kv3000-host"}, c, &why));
-    EXPECT_EQ(c.command, QStringLiteral("demo"));
-    EXPECT_TRUE(c.host.liveSimulator);
-    ASSERT_TRUE(parseCommandLine({"kv3000-host", "--tcp", "10.0.0.2:8000", "--params", "2#0#0#5#20",
-                                  "--timeout", "250", "watch", "DM0", "--for", "1.5"},
-                                 c, &why))
-        << why.toStdString();
-    EXPECT_EQ(c.host.link, HostOptions::LinkKind::Tcp);
-    EXPECT_EQ(std::make_tuple(c.host.tcpPort, c.host.protocolId, c.host.retries, c.host.timeoutMs),
-              std::make_tuple(uint16_t(8000), 2, 5, 250));
-    EXPECT_DOUBLE_EQ(c.forSeconds, 1.5);
-    EXPECT_EQ(c.args, QStringList{QStringLiteral("DM0")});
-    for (const QStringList& bad : std::vector<QStringList>{{"--tcp", "a:1", "--serial", "/dev/ttyS0", "info"},
-                                                           {"read", "DM0", "--for", "3"},
-                                                           {"--tcp", "a:1"},  // demo needs the simulator
-                                                           {"--params", "1#0#0#3#0", "info"},
-                                                           {"recipe-upload"}})
-        EXPECT_FALSE(parseCommandLine(QStringList{"kv3000-host"} + bad, c, &why))
-            << bad.join(' ').toStdString();
 }
 
 }  // namespace

@@ -1,21 +1,15 @@
-// Threads against one driver, meant for the ThreadSanitizer build but run in
-// any build. Each run loads the driver as the host does, runs the host's
-// communication loop on the main thread against the embedded simulator over
-// loopback TCP, is bounded by a watchdog, and ends with what the simulator
-// and the clients must have seen.
-//   threads  two screens writing, reading and condition-reading random units, a registration
-//            thread re-registering monitored addresses and recipes and requesting recipe
-//            transfers, a change callback that calls back into the driver; at the end, with
-//            every write answered and a few full read cycles done, the data area must show
-//            exactly the controller's memory.
-//   serve    kv3000-host serve with live values: 40 event streams, 6 readers, 4 writers, a
-//            client that never reads its stream, one that leaves, a hub subscriber that never
-//            takes anything; every write answered 200 and held, every stream saw changes.
-//   gateway  kv3000-host gateway with live values: 20 libmodbus clients reading and writing,
-//            one that never reads its answers, one that leaves in the middle of a request;
-//            every request answered, each last write held, the counter DM0 never going back.
-// serve and gateway must keep the loop's pace (the live values change every 100 ms, a pass
-// over the read blocks is due every 50 ms): a loop held up by its clients falls far below.
+// Threads against one driver, for the ThreadSanitizer build (any build runs
+// it). Each mode loads the driver as the host does, runs the host's loop on
+// the main thread against the embedded simulator, and is bounded by a watchdog.
+//   threads  two screens writing, reading and condition-reading random units, a thread
+//            re-registering addresses and recipes and requesting recipe transfers, a change
+//            callback calling back in; at the end the data area shows the controller's memory.
+//   serve    40 event streams, 6 readers, 4 writers, a stream never read, a client that leaves,
+//            a hub subscriber that never takes: every write 200 and held, every stream changed.
+//   gateway  20 libmodbus clients reading and writing, one never reading its answers, one
+//            leaving mid-request: all answered, last writes held, the live DM0 never going back.
+// serve and gateway must keep the loop's pace (values change every 100 ms, a pass is due every
+// 50 ms): a loop held up by its clients falls far below 20 transactions/s.
 #include "address.h"
 #include "driver_loader.h"
 #include "gateway.h"
