@@ -57,8 +57,9 @@ expect_in "$WORK/err" "-> 06 01 00 FF 10 1E 01 00 06 00 00 00 02 00 00 00 64 12 
     "   handshake 1" "   handshake 2"
 expect_exit 0 "$HOST" $T --trace write TC5=1000 R2.05=1 B10=0
 expect_in "$WORK/err" "value write TC 5 = 1000" "bit set R 2.05" "bit reset B 10"
-expect_exit 0 "$HOST" $T --trace read DM100:3 MR10:2 TC5 Z3
-expect_in "$WORK/err" "read DM 100 x3" "read MR 10 x2" "values 1000; reply accepted" "values 4294967295; reply accepted"
+expect_exit 0 "$HOST" $T --trace read DM100:3 MR10:2 TC5 Z3 R5.03
+expect_in "$WORK/err" "read DM 100 x3" "read MR 10 x2" "values 0x0008" \
+    "values 1000; reply accepted" "values 4294967295; reply accepted"
 expect_exit 0 "$HOST" $T --trace read T5
 expect_in "$WORK/err" "read T/TC/TS 5 x" "   values 1, 0, 0"
 grep -A1 -- '-> 06   acknowledge' "$WORK/err" | grep -q '^<-' && fail "an acknowledge took two trace lines"

@@ -102,6 +102,7 @@ sim_is DM100 1234
 # A change reaches a live stream (many streams, stalled and leaving clients:
 # tests/stress, stress_serve); SIGTERM with the stream open ends all within 5 s.
 run_bg stream curl -sN "$URL/api/events"
+until_api /api/stats '.streams == 1'
 sim_set DM5 1020
 poll 10 grep -qE '"value": ?1020[,}]' "$WORK/stream" || fail "DM5 = 1020 never reached the stream: $(tail -c 300 "$WORK/stream")"
 start=$(date +%s%N)

@@ -62,6 +62,7 @@ perl -MIO::Socket::INET -e '$s = IO::Socket::INET->new(LocalAddr => "127.0.0.1:0
     >"$WORK/http.port" &
 BG+=($!)
 poll 10 test -s "$WORK/http.port"
-expect_exit 1 timeout 20 "$HOST" --tcp "127.0.0.1:$(cat "$WORK/http.port")" read DM0
-expect_in "$WORK/err" "read DM0 failed: the peer at 127.0.0.1:$(cat "$WORK/http.port") does not answer like a KV-3000 (reply starts 48 54 54 50)"
+expect_exit 1 timeout 20 "$HOST" --tcp "127.0.0.1:$(cat "$WORK/http.port")" --trace read DM0
+expect_in "$WORK/err" "read DM0 failed: the peer at 127.0.0.1:$(cat "$WORK/http.port") does not answer like a KV-3000 (reply starts 48 54 54 50)" \
+    "   not a KV-3000 reply; reply accepted"
 finish

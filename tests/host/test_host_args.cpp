@@ -121,8 +121,8 @@ TEST(DriverMessages, TakeTheFrameNameApart) {
               std::make_tuple(1, QString("DM"), 100, 5));
     ASSERT_TRUE(parseDriverMessage(QStringLiteral("2#DM_bit100.5(1)"), f));
     EXPECT_EQ(std::make_tuple(f.reg, f.address), std::make_tuple(QString("DM_bit"), 1605));
-    EXPECT_FALSE(parseDriverMessage(QStringLiteral("connection failed"), f));
-    EXPECT_FALSE(parseDriverMessage(QStringLiteral("1#DM(x)"), f));
+    for (const char* bad : {"connection failed", "1#DM(x)"})
+        EXPECT_FALSE(parseDriverMessage(QLatin1String(bad), f));
 }
 
 TEST(LinkSettings, SerialParametersTheirTimingAndTcpEndpoints) {
@@ -143,9 +143,7 @@ TEST(LinkSettings, SerialParametersTheirTimingAndTcpEndpoints) {
     const std::unique_ptr<Link> serial = makeLink(o, 0);
     EXPECT_EQ(serial->replyTimeout(17), 19479 + 100000);
     EXPECT_FALSE(serial->silenceMeansLost());  // a quiet line is not a lost device
-    EXPECT_EQ(serial->describe(), "serial /dev/null 9600,8,EVEN,1");
     o.link = HostOptions::LinkKind::Embedded;
-    EXPECT_EQ(makeLink(o, 4321)->describe(), "tcp 127.0.0.1:4321");
     EXPECT_TRUE(makeLink(o, 4321)->silenceMeansLost());
 
     std::string host;

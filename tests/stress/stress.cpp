@@ -85,26 +85,23 @@ struct Area {
 // Small areas, so that screens, recipes and the callback collide often.
 const Area kAreas[] = {{"DM", 64}, {"DM_bit", 64 * 16}, {"R", 64}, {"EM", 32}, {"TS", 8}, {"Z", 16}};
 
-// Up to `most` units from a random one.
-KEY_ADDRESS randomKey(int most) {
-    const Area& a = kAreas[pick(std::size(kAreas))];
+KEY_ADDRESS keyOf(const Area& a, int address, int units) {
     KEY_ADDRESS k;
     k.reg = QString::fromLatin1(a.reg);
-    k.address = pick(a.units);
-    k.length = a.traits().unitLength() * (1 + pick(std::min(most, a.units - k.address)));
+    k.address = address;
+    k.length = a.traits().unitLength() * units;
     k.dataType = a.traits().countsBits() ? -1 : 0;
     return k;
 }
+KEY_ADDRESS randomKey(int most) {  // up to `most` units from a random one
+    const Area& a = kAreas[pick(std::size(kAreas))];
+    const int address = pick(a.units);
+    return keyOf(a, address, 1 + pick(std::min(most, a.units - address)));
+}
 QList<KEY_ADDRESS> everything() {  // the words of DM cover DM_bit
     QList<KEY_ADDRESS> keys;
-    for (const Area& a : kAreas) {
-        if (a.traits().kind == kvreg::Kind::BitInWord) continue;
-        KEY_ADDRESS k;
-        k.reg = QString::fromLatin1(a.reg);
-        k.length = a.traits().unitLength() * a.units;
-        k.dataType = a.traits().countsBits() ? -1 : 0;
-        keys.append(k);
-    }
+    for (const Area& a : kAreas)
+        if (a.traits().kind != kvreg::Kind::BitInWord) keys.append(keyOf(a, 0, a.units));
     return keys;
 }
 
@@ -124,6 +121,12 @@ void screen(const DriverApi& api) {
         std::this_thread::sleep_for(std::chrono::microseconds(100 + pick(200)));  // spread over transactions
     }
 }
+
+// A recipe transfer the registration thread wants: 1 download, 2 upload. The
+// loop thread sets the request byte, as the host's recipe commands do (a byte
+// set elsewhere is ordered by the runtime's mutex, which TSan cannot see), and
+// clears this once the driver has served it.
+std::atomic<int> recipeAsked{0};
 
 void registrations(Session& s) {
     Runtime& rt = s.runtime();
@@ -150,10 +153,10 @@ void registrations(Session& s) {
             const bool download = pick(2) == 0;
             for (int w = 0; download && w < offset; ++w)
                 rt.recipeBuffer()[w] = static_cast<unsigned short>(pick(2) ? pick(2) : pick(65536));
-            download ? rt.requestRecipeWrite() : rt.requestRecipeRead();
+            recipeAsked = download ? 1 : 2;
             if (pick(2) == 0) s.api().addrMerge(keys);  // re-registered while the transfer runs
             const auto deadline = std::chrono::steady_clock::now() + 20s;
-            while (download ? rt.recipeWritePending() : rt.recipeReadPending()) {
+            while (recipeAsked != 0) {
                 if (std::chrono::steady_clock::now() > deadline) fail("a recipe request was never served");
                 std::this_thread::sleep_for(300us);
             }
@@ -190,6 +193,16 @@ void threads(Session& s) {
     });
     QList<KEY_ADDRESS> all = everything();
     api.addrMerge(all);
+    bool requested = false;
+    s.addExchangeObserver([&](const Exchange&) {
+        Runtime& rt = s.runtime();
+        if (recipeAsked != 0 && !requested) {
+            recipeAsked == 1 ? rt.requestRecipeWrite() : rt.requestRecipeRead();
+            requested = true;
+        } else if (requested && !rt.recipeWritePending() && !rt.recipeReadPending()) {
+            requested = false, recipeAsked = 0;
+        }
+    });
     std::atomic<bool> done{false};
     std::thread conductor([&] {
         std::thread a(screen, std::cref(api)), b(screen, std::cref(api)), r(registrations, std::ref(s));
