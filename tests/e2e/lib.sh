@@ -17,7 +17,7 @@ fail() { echo "FAIL: $*" >&2; FAILED=1; }
 
 finish() { [ "$FAILED" = 0 ] && { echo "1 passed, 0 failed"; exit 0; } || { echo "0 passed, 1 failed"; exit 1; }; }
 
-# sim_start ARGS...: starts the simulator; sets SIM_PORT (and SIM_PTY with --pty).
+# sim_start ARGS...: starts the simulator; sets SIM_PORT, T (--tcp to it) and SIM_PTY (with --pty).
 sim_start() {
     rm -f "$WORK/sim.in" "$WORK/sim.out"
     mkfifo "$WORK/sim.in" "$WORK/sim.out"
