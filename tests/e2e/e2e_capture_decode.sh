@@ -43,13 +43,12 @@ same_as_raw() {
 sim_start --listen 127.0.0.1:0 --pty --capture "$WORK/sim.pcap"
 tcpdump_start "$WORK/raw.pcap"
 [ -n "$TCPDUMP" ] || echo "not root or no tcpdump: raw TCP captures are left out"
-TCP=--tcp=127.0.0.1:$SIM_PORT
-expect_exit 0 "$HOST" $TCP --capture "$WORK/write.pcap" write DM100:3=1,2,3 TC5=100000 R5.03=1 B3FF=1 Z3=70000 \
+expect_exit 0 "$HOST" $T --capture "$WORK/write.pcap" write DM100:3=1,2,3 TC5=100000 R5.03=1 B3FF=1 Z3=70000 \
     MR10=32769 W1F=9 MR_bit11.05=1
-expect_exit 0 "$HOST" $TCP --capture "$WORK/read.pcap" read DM100:3 TC5 R5.03 MR10
+expect_exit 0 "$HOST" $T --capture "$WORK/read.pcap" read DM100:3 TC5 R5.03 MR10
 tcpdump_stop
 # A host killed in the middle of a watch leaves a readable capture.
-"$HOST" $TCP --capture "$WORK/killed.pcap" watch DM100 >"$WORK/watch" 2>&1 &
+"$HOST" $T --capture "$WORK/killed.pcap" watch DM100 >"$WORK/watch" 2>&1 &
 pid=$!
 wait_for "$WORK/watch" "DM100 = 1" 10
 { kill -KILL "$pid" && wait "$pid"; } 2>/dev/null
@@ -58,15 +57,15 @@ expect_exit 0 "$HOST" "${PTY[@]}" --capture "$WORK/pty_write.pcap" write DM200=7
 expect_exit 0 "$HOST" "${PTY[@]}" --capture "$WORK/pty_read.pcap" read DM200 TS9
 sim_stop
 
-T=$'\t'
-WRITTEN=("word write${T}DM${T}100${T}3${T}DM100=1,DM101=2,DM102=3$T" "value write${T}TC${T}5$T${T}TC5=100000$T"
-    "bit set${T}R${T}5.03$T${T}R5.03=1$T" "bit set${T}B${T}3FF$T${T}B3FF=1$T" "word write${T}Z${T}3${T}1${T}Z3=70000$T"
-    "word write${T}MR${T}10${T}1${T}MR10=32769$T" "word write${T}W${T}1F${T}1${T}W1F=9$T"
-    "word write${T}MR${T}11${T}1${T}MR11=32$T")
-READ=("read${T}DM${T}100${T}3${T}DM100=1,DM101=2,DM102=3$T" "read${T}T${T}5${T}1${T}T5=contact 0 current 100000 set 0$T"
-    "read${T}R${T}5.00${T}2${T}R5.00=0x0008,R6.00=0x0000$T" "read${T}MR${T}10${T}1${T}MR10=32769$T")
-PTY_LINES=("word write${T}DM${T}200${T}1${T}DM200=7$T" "value write${T}TS${T}9$T${T}TS9=42$T"
-    "read${T}DM${T}200${T}1${T}DM200=7$T" "read${T}T${T}9${T}1${T}T9=contact 0 current 0 set 42$T")
+TAB=$'\t'
+WRITTEN=("word write${TAB}DM${TAB}100${TAB}3${TAB}DM100=1,DM101=2,DM102=3$TAB" "value write${TAB}TC${TAB}5$TAB${TAB}TC5=100000$TAB"
+    "bit set${TAB}R${TAB}5.03$TAB${TAB}R5.03=1$TAB" "bit set${TAB}B${TAB}3FF$TAB${TAB}B3FF=1$TAB" "word write${TAB}Z${TAB}3${TAB}1${TAB}Z3=70000$TAB"
+    "word write${TAB}MR${TAB}10${TAB}1${TAB}MR10=32769$TAB" "word write${TAB}W${TAB}1F${TAB}1${TAB}W1F=9$TAB"
+    "word write${TAB}MR${TAB}11${TAB}1${TAB}MR11=32$TAB")
+READ=("read${TAB}DM${TAB}100${TAB}3${TAB}DM100=1,DM101=2,DM102=3$TAB" "read${TAB}T${TAB}5${TAB}1${TAB}T5=contact 0 current 100000 set 0$TAB"
+    "read${TAB}R${TAB}5.00${TAB}2${TAB}R5.00=0x0008,R6.00=0x0000$TAB" "read${TAB}MR${TAB}10${TAB}1${TAB}MR10=32769$TAB")
+PTY_LINES=("word write${TAB}DM${TAB}200${TAB}1${TAB}DM200=7$TAB" "value write${TAB}TS${TAB}9$TAB${TAB}TS9=42$TAB"
+    "read${TAB}DM${TAB}200${TAB}1${TAB}DM200=7$TAB" "read${TAB}T${TAB}9${TAB}1${TAB}T9=contact 0 current 0 set 42$TAB")
 for f in write read pty_write pty_read sim killed; do
     decode "$WORK/$f.pcap" >"$WORK/$f.txt"
     no_lua_error "$WORK/$f.txt"
@@ -77,7 +76,7 @@ expect_lines "$WORK/read.txt" "${READ[@]}"
 cat "$WORK/pty_write.txt" "$WORK/pty_read.txt" >"$WORK/pty.txt"
 expect_lines "$WORK/pty.txt" "${PTY_LINES[@]}"
 expect_lines "$WORK/sim.txt" "${WRITTEN[@]}" "${READ[@]}" "${PTY_LINES[@]}"
-expect_lines "$WORK/killed.txt" "read${T}DM${T}100${T}1${T}DM100=1$T"
+expect_lines "$WORK/killed.txt" "read${TAB}DM${TAB}100${TAB}1${TAB}DM100=1$TAB"
 # Every reply is linked to its request with the response time.
 unpaired=$(tshark -r "$WORK/read.pcap" -X lua_script:"$LUA" -2 -Y \
     'kv3000.direction == 1 && !(kv3000.request_in && kv3000.response_time)' 2>/dev/null | wc -l)
@@ -91,7 +90,7 @@ n=$(tshark -r "$WORK/read.pcap" -X lua_script:"$LUA" -Y 'kv3000.direction == 1 &
 flip_byte "$WORK/bad_check.pcap" $(($(record_at "$WORK/bad_check.pcap" "$n") + $(record_length "$WORK/bad_check.pcap" "$n") - 2))
 decode "$WORK/bad_check.pcap" >"$WORK/bad_check.txt"
 no_lua_error "$WORK/bad_check.txt"
-grep -qE "^read${T}DM${T}100${T}3${T}DM100=1,DM101=2,DM102=3${T}Wrong check byte: 0x[0-9A-F]{2}, expected 0x" \
+grep -qE "^read${TAB}DM${TAB}100${TAB}3${TAB}DM100=1,DM101=2,DM102=3${TAB}Wrong check byte: 0x[0-9A-F]{2}, expected 0x" \
     "$WORK/bad_check.txt" || fail "wrong check byte not flagged: $(grep DM100 "$WORK/bad_check.txt")"
 
 # Replies in pieces 20 ms apart: the raw capture has them in several segments.

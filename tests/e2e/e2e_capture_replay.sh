@@ -8,21 +8,12 @@ READS=(read DM100:3 TC5 R5.03 T5 MR10 W1F)
 # values - the read lines of the last run, without the summary.
 values() { grep -v '^summary: ' "$WORK/out"; }
 # stats_line - the simulator's "replay ..." counters.
-stats_line() {
-    echo stats >&7
-    local line
-    for _ in 1 2 3; do read -r -t 10 line <&8 && [[ $line == replay* ]] && echo "$line"; done
-}
+stats_line() { echo stats >&7; for _ in 1 2 3; do read -r -t 10 l <&8 && [[ $l == replay* ]] && echo "$l"; done; }
 
 # The original: values set on the simulator's console, faults on a third of the replies.
 sim_start --listen 127.0.0.1:0 --faults drop=0.15,corrupt=0.15,garbage=0.1 --seed 5 --capture "$WORK/sim.pcap"
-sim_set DM100 1 2 3
-sim_set TC5 100000
-sim_set R5.03 1
-sim_set T5 1
-sim_set MR10 32769
-sim_set W1F 9
-expect_exit 0 "$HOST" --tcp 127.0.0.1:$SIM_PORT --timeout 200 --capture "$WORK/host.pcap" "${READS[@]}"
+for kv in "DM100 1 2 3" "TC5 100000" "R5.03 1" "T5 1" "MR10 32769" "W1F 9"; do sim_set $kv; done
+expect_exit 0 "$HOST" $T --timeout 200 --capture "$WORK/host.pcap" "${READS[@]}"
 values >"$WORK/original"
 grep -o '[0-9]* retries, [0-9]* abandoned, [0-9]* timeouts' "$WORK/out" >"$WORK/original.faults"
 grep -q '^0 retries' "$WORK/original.faults" && fail "no faults in the original run"
@@ -31,12 +22,12 @@ sim_stop
 # Played back from either capture by a simulator whose memory is all zeros.
 for capture in host sim; do
     sim_start --listen 127.0.0.1:0 --replay "$WORK/$capture.pcap"
-    expect_exit 0 "$HOST" --tcp 127.0.0.1:$SIM_PORT --timeout 200 "${READS[@]}"
+    expect_exit 0 "$HOST" $T --timeout 200 "${READS[@]}"
     values | diff "$WORK/original" - >/dev/null || fail "$capture.pcap replayed: $(values | diff "$WORK/original" -)"
     grep -o '[0-9]* retries, [0-9]* abandoned, [0-9]* timeouts' "$WORK/out" | diff -q "$WORK/original.faults" - >/dev/null ||
         fail "$capture.pcap replayed with other faults: $(grep summary "$WORK/out"), originally $(cat "$WORK/original.faults")"
     # A request it does not hold (and the handshake, used up) comes from memory.
-    expect_exit 0 "$HOST" --tcp 127.0.0.1:$SIM_PORT read DM500
+    expect_exit 0 "$HOST" $T read DM500
     expect_in "$WORK/out" "DM500 = 0"
     recorded=$(tshark -r "$WORK/$capture.pcap" -X lua_script:"$LUA" -Y 'kv3000.direction == 0 && kv3000.operation != "acknowledge"' 2>/dev/null | wc -l)
     [ "$(stats_line)" = "replay replayed $recorded from-memory 3" ] || fail "$capture.pcap: stats say '$(stats_line)', $recorded recorded"

@@ -7,15 +7,12 @@ for tool in /usr/bin/chromium /usr/bin/chromedriver; do
     [ -x "$tool" ] || { fail "$tool is missing (scripts/dev.sh installs chromium and chromium-driver)"; finish; }
 done
 sim_start --listen 127.0.0.1:0 --live
-"$HOST" --tcp 127.0.0.1:$SIM_PORT serve --http 127.0.0.1:0 --allow-writes DM0 DM1 T0 TC0 R0.00 DM100 \
-    >"$WORK/serve" 2>"$WORK/serve.err" &
-SERVE_PID=$!
-wait_for "$WORK/serve" "watching " 10 || finish
+run_bg serve "$HOST" $T serve --http 127.0.0.1:0 --allow-writes DM0 DM1 T0 TC0 R0.00 DM100
+wait_for "$WORK/serve" "watching " 20 || finish
 URL=$(sed -n '1s#^serving \(http://.*\)/$#\1#p' "$WORK/serve")
 TOKEN=$(sed -n '2s/^token: //p' "$WORK/serve")
 timeout 90 /usr/bin/python3 "$(dirname "$0")/serve_browser.py" "$URL" "$TOKEN" "$PWD/serve.png" || fail "the browser test failed"
-[ "$(sim_get DM100)" = 1234 ] || fail "the simulator holds DM100 = $(sim_get DM100), not 1234"
+sim_is DM100 1234
 expect_in "$WORK/serve" "web write DM100 = 1234 from 127.0.0.1: wrote DM100 = 1234"
-kill -TERM $SERVE_PID
-wait $SERVE_PID || fail "serve exited $?"
+stop_bg $PID TERM
 finish

@@ -1,25 +1,23 @@
 # Helpers for the end-to-end scripts: run kv3000-sim with its console on a
-# pair of FIFOs, and check what kv3000-host prints and returns.
-# Usage in a script: source lib.sh; then HOST and SIM are the programs.
+# pair of FIFOs, run kv3000-host, and check what it prints and returns.
+# Usage in a script: source lib.sh "$@"; then HOST and SIM are the programs.
+# Nothing waits a fixed time: every wait polls, with a timeout.
 set -u
 HOST=$1
 SIM=$2
 WORK=$(mktemp -d)
 SIM_PID=
 FAILED=0
+BG=()
 
-cleanup() {
-    sim_stop
-    rm -rf "$WORK"
-}
+cleanup() { [ ${#BG[@]} = 0 ] || kill "${BG[@]}" 2>/dev/null; sim_stop; rm -rf "$WORK"; }
 trap cleanup EXIT
 
-fail() {
-    echo "FAIL: $*" >&2
-    FAILED=1
-}
+fail() { echo "FAIL: $*" >&2; FAILED=1; }
 
-# sim_start ARGS...: starts the simulator; sets SIM_PORT (and SIM_PTY with --pty).
+finish() { [ "$FAILED" = 0 ] && { echo "1 passed, 0 failed"; exit 0; } || { echo "0 passed, 1 failed"; exit 1; }; }
+
+# sim_start ARGS...: starts the simulator; sets SIM_PORT, T (--tcp to it) and SIM_PTY (with --pty).
 sim_start() {
     rm -f "$WORK/sim.in" "$WORK/sim.out"
     mkfifo "$WORK/sim.in" "$WORK/sim.out"
@@ -27,18 +25,14 @@ sim_start() {
     SIM_PID=$!
     exec 7>"$WORK/sim.in" 8<"$WORK/sim.out"
     local line
-    if ! read -r -t 10 line <&8; then
-        echo "simulator did not start: $(cat "$WORK/sim.err")" >&2
-        exit 1
-    fi
+    read -r -t 10 line <&8 || { echo "simulator did not start: $(cat "$WORK/sim.err")" >&2; exit 1; }
     SIM_PORT=${line##*:}
+    T="--tcp 127.0.0.1:$SIM_PORT"
     SIM_PTY=
-    case " $* " in
-    *" --pty "*)
+    if [[ " $* " == *" --pty "* ]]; then
         read -r -t 10 line <&8
         SIM_PTY=${line#serial on }
-        ;;
-    esac
+    fi
 }
 
 # sim_stop: quits the simulator and waits for it.
@@ -56,20 +50,22 @@ sim_stop() {
 sim_get() {
     echo "get $1" >&7
     local n=1 line i
-    case $1 in *:*) n=${1##*:} ;; esac
+    [[ $1 == *:* ]] && n=${1##*:}
     for ((i = 0; i < n; i++)); do
         read -r -t 10 line <&8 || return 1
         echo "${line##* }"
     done
 }
 
-# sim_set ADDR VALUE...: the simulator answers "ok".
-sim_set() {
-    echo "set $*" >&7
-    local line
-    read -r -t 10 line <&8
-    [ "$line" = ok ] || fail "simulator: set $*: $line"
+# sim_is ADDR[:N] VALUES: the simulator holds VALUES (comma-separated).
+sim_is() {
+    local got
+    got=$(sim_get "$1" | paste -sd, -)
+    [ "$got" = "$2" ] || fail "the simulator holds $1 = $got, expected $2"
 }
+
+# sim_set ADDR VALUE...: the simulator answers "ok".
+sim_set() { echo "set $*" >&7 && read -r -t 10 line <&8 && [ "$line" = ok ] || fail "simulator: set $*: $line"; }
 
 # expect_exit CODE CMD...: runs CMD, output in $WORK/out and $WORK/err.
 expect_exit() {
@@ -84,60 +80,50 @@ expect_exit() {
     fi
 }
 
-# expect_in FILE TEXT: FILE has a line containing TEXT.
+# expect_in FILE TEXT...: FILE has a line containing each TEXT.
 expect_in() {
-    grep -qF -- "$2" "$1" || {
-        fail "no '$2' in $(basename "$1")"
-        head -30 "$1" | sed 's/^/  | /' >&2
-    }
+    local file=$1 text
+    shift
+    for text in "$@"; do
+        grep -qF -- "$text" "$file" || {
+            fail "no '$text' in $(basename "$file")"
+            head -30 "$file" | sed 's/^/  | /' >&2
+        }
+    done
 }
 
-finish() {
-    if [ "$FAILED" = 0 ]; then
-        echo "1 passed, 0 failed"
-        exit 0
-    fi
-    echo "0 passed, 1 failed"
-    exit 1
+# expect_refusals CODE CMD...: each line of stdin is "ARGS|SENTENCE": CMD ARGS
+# exits CODE and says SENTENCE on stderr.
+expect_refusals() {
+    local code=$1 args sentence
+    shift
+    while IFS='|' read -r args sentence; do
+        # shellcheck disable=SC2086
+        expect_exit "$code" "$@" $args </dev/null
+        expect_in "$WORK/err" "$sentence"
+    done
 }
 
-# Every register kind, with a value that is not the memory's initial zero.
-ROUNDTRIP_VALUES=(
-    DM100=1234 TM200=2 CM300=3 EM400=4 FM500=5 MR10=32769 LR20=7 CR30=8 W1F=9 ZF131071=10
-    TC5=100000 TS6=200000 CC7=300000 CS8=400000 Z3=4294967295 TRM7=123456789
-    R5.03=1 B3FF=1 MR_bit11.05=1 LR_bit2.15=1 CR_bit3.01=1 DM_bit600.07=1 TM_bit9999.15=1
-    CM_bit700.00=1 EM_bit800.08=1 FM_bit900.03=1
-)
-
-# roundtrip LINK-OPTIONS...: writes every kind, reads it back through the
-# host, and checks the simulator's memory; T and C (read-only) are set on
-# the simulator's console and read.
-roundtrip() {
-    local addrs=() kv a v got
-    for kv in "${ROUNDTRIP_VALUES[@]}"; do addrs+=("${kv%%=*}"); done
-    expect_exit 0 "$HOST" "$@" write "${ROUNDTRIP_VALUES[@]}"
-    [ "$(grep -c '^wrote ' "$WORK/out")" = ${#ROUNDTRIP_VALUES[@]} ] || fail "not every write confirmed"
-    sim_set T5 1
-    sim_set C6 1
-    expect_exit 0 "$HOST" "$@" read "${addrs[@]}" T5 C6 T4
-    for kv in "${ROUNDTRIP_VALUES[@]}" T5=1 C6=1 T4=0; do
-        a=${kv%%=*}
-        v=${kv#*=}
-        got=$(grep -E "^$a = " "$WORK/out" | head -1 | awk '{print $3}')
-        [ "$got" = "$v" ] || fail "read $a gave '$got', expected $v"
-        got=$(sim_get "$a")
-        [ "$got" = "$v" ] || fail "simulator has $a = '$got', expected $v"
+# poll SECONDS CMD...: runs CMD every 50 ms until it succeeds; false after SECONDS.
+poll() {
+    local end=$((SECONDS + $1))
+    shift
+    until "$@"; do
+        [ "$SECONDS" -le "$end" ] || return 1
+        sleep 0.05
     done
 }
 
 # wait_for FILE TEXT SECONDS: until FILE has a line containing TEXT.
 wait_for() {
-    local i
-    for ((i = 0; i < $3 * 20; i++)); do
-        grep -qF -- "$2" "$1" 2>/dev/null && return 0
-        sleep 0.05
-    done
+    poll "$3" grep -qF -- "$2" "$1" 2>/dev/null && return 0
     fail "no '$2' in $(basename "$1") after $3 s"
     head -40 "$1" | sed 's/^/  | /' >&2
     return 1
 }
+
+# run_bg NAME CMD...: CMD in the background, output in $WORK/NAME and $WORK/NAME.err; sets PID.
+run_bg() { "${@:2}" >"$WORK/$1" 2>"$WORK/$1.err" & PID=$! && BG+=("$PID"); }
+
+# stop_bg PID SIGNAL: signals PID and expects it to end with status 0.
+stop_bg() { kill "-$2" "$1" && wait "$1" || fail "pid $1 exited $? on SIG$2"; }

@@ -14,19 +14,15 @@ class Tracker : public ::testing::Test {
 protected:
     Tracker() {
         reg_.name = QStringLiteral("DM");
-        reg_.maxAddress = 65535;
         dm100_.reg = &reg_;
         dm100_.address = 100;
-        dm100_.text = QStringLiteral("DM100");
     }
     static std::chrono::steady_clock::time_point soon() {
         return std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
     }
-    // A write queued with intf_setData.
-    int queued(const Address* a = nullptr) {
+    int queued(const Address* a = nullptr) {  // a write queued with intf_setData
         const int id = t_.begin(a ? *a : dm100_, soon());
-        t_.queued(id);
-        return id;
+        return t_.queued(id), id;
     }
     void frame(int id, int result, const char* message = "") {
         FRAME_PRO f;
@@ -34,15 +30,14 @@ protected:
         Exchange ex;
         ex.frame = &f;
         ex.result = result;
-        ex.message = QString::fromLatin1(message);
+        ex.message = QLatin1String(message);
         t_.observe(ex);
     }
-    int barrier() {
+    int barrier() {  // the condition read the loop queues behind the writes
         KEY_ADDRESS key;
         int id = 0;
         EXPECT_TRUE(t_.barrierDue(key, id));
-        EXPECT_EQ(key.reg, QStringLiteral("DM"));
-        EXPECT_EQ(key.address, 100);
+        EXPECT_EQ(std::make_pair(key.reg, key.address), std::make_pair(QStringLiteral("DM"), 100));
         return id;
     }
     State now(int id) { return t_.wait(id, std::chrono::milliseconds(0)).state; }
@@ -51,8 +46,6 @@ protected:
     Address dm100_;
     WriteTracker t_;
 };
-
-}  // namespace
 
 TEST_F(Tracker, AWriteEndsWhenTheReadBehindItStarts) {
     const int written = queued(), replaced = queued(), failed = queued();
@@ -69,10 +62,7 @@ TEST_F(Tracker, AWriteEndsWhenTheReadBehindItStarts) {
 }
 
 TEST_F(Tracker, OnlyWritesQueuedBeforeAReadAreSettledByIt) {
-    const int unqueued = t_.begin(dm100_, soon());
-    const int first = queued();
-    const int b1 = barrier();
-    const int second = queued();
+    const int unqueued = t_.begin(dm100_, soon()), first = queued(), b1 = barrier(), second = queued();
     frame(first, 1);
     frame(b1, 1);
     EXPECT_EQ(now(first), State::Written);
@@ -104,10 +94,7 @@ TEST_F(Tracker, QueuedUnitsStayWithinTheDriversQueueUntilSeenThrough) {
 }
 
 TEST_F(Tracker, AnAbandonedReadEmptiesTheDriversQueueSoTheReadIsQueuedAgain) {
-    const int first = queued();
-    const int b1 = barrier();
-    const int second = queued();
-    const int b2 = barrier();
+    const int first = queued(), b1 = barrier(), second = queued(), b2 = barrier();
     frame(b1, 2, "1#DM100(1)");  // the driver drops b2 with it
     EXPECT_EQ(now(first), State::Dropped);
     frame(second, 1);
@@ -122,3 +109,5 @@ TEST_F(Tracker, ClosingAnswersEveryWaiter) {
     t_.close();
     EXPECT_EQ(t_.wait(id, std::chrono::seconds(10)).state, State::Closed);
 }
+
+}  // namespace

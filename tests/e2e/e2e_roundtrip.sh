@@ -1,0 +1,67 @@
+# Write then read back every register kind over TCP and over a serial line
+# (the simulator's pseudo-terminal); writes larger than the driver's write
+# queue (a bit register takes one queue item per bit); values echoed as
+# typed, local-only writes, and the trace of a serial line.
+source "$(dirname "$0")/lib.sh" "$@"
+# Every register kind, with a value that is not the memory's initial zero.
+ROUNDTRIP_VALUES=(
+    DM100=1234 TM200=2 CM300=3 EM400=4 FM500=5 MR10=32769 LR20=7 CR30=8 W1F=9 ZF131071=10
+    TC5=100000 TS6=200000 CC7=300000 CS8=400000 Z3=4294967295 TRM7=123456789
+    R5.03=1 B3FF=1 MR_bit11.05=1 LR_bit2.15=1 CR_bit3.01=1 DM_bit600.07=1 TM_bit9999.15=1
+    CM_bit700.00=1 EM_bit800.08=1 FM_bit900.03=1
+)
+
+# roundtrip LINK-OPTIONS...: writes every kind, reads it back through the
+# host, and checks the simulator's memory; T and C (read-only) are set on
+# the simulator's console and read.
+roundtrip() {
+    local addrs=() kv a v got
+    for kv in "${ROUNDTRIP_VALUES[@]}"; do addrs+=("${kv%%=*}"); done
+    expect_exit 0 "$HOST" "$@" write "${ROUNDTRIP_VALUES[@]}"
+    [ "$(grep -c '^wrote ' "$WORK/out")" = ${#ROUNDTRIP_VALUES[@]} ] || fail "not every write confirmed"
+    sim_set T5 1
+    sim_set C6 1
+    expect_exit 0 "$HOST" "$@" read "${addrs[@]}" T5 C6 T4
+    for kv in "${ROUNDTRIP_VALUES[@]}" T5=1 C6=1 T4=0; do
+        a=${kv%%=*}
+        v=${kv#*=}
+        got=$(grep -E "^$a = " "$WORK/out" | head -1 | awk '{print $3}')
+        [ "$got" = "$v" ] || fail "read $a gave '$got', expected $v"
+        sim_is "$a" "$v"
+    done
+}
+sim_start --listen 127.0.0.1:0 --pty
+PTY=(--serial "$SIM_PTY" --serial-params 115200,8,EVEN,1)
+roundtrip $T
+roundtrip "${PTY[@]}"
+
+expect_exit 0 "$HOST" $T write R100.00:1024=1 MR_bit0.00:1024=1 DM1000:512=7 TC100:256=9
+expect_in "$WORK/out" "wrote R100.00:1024 = 1 (each)"
+for item in R100.00:1024=1 MR_bit0.00:1024=1 DM1000:512=7 TC100:256=9; do
+    n=${item%=*}
+    got=$(sim_get "${item%=*}" | grep -c "^${item#*=}\$")
+    [ "$got" = "${n##*:}" ] || fail "${item%=*}: $got of ${n##*:} units hold ${item#*=} in the simulator"
+done
+
+expect_exit 0 "$HOST" $T write DM100=-1
+expect_in "$WORK/out" "wrote DM100 = -1"
+sim_is DM100 65535
+expect_exit 0 "$HOST" $T --params 1#1#0#3#10 write DM101=4321
+expect_in "$WORK/out" "DM101 = 4321 shown locally, not sent (local write only)"
+sim_is DM101 0
+
+# The trace on stderr apart from the results, replies decoded, a lone acknowledge on one line.
+expect_exit 0 "$HOST" "${PTY[@]}" --trace write DM100:2=0x1234,0x5678
+expect_in "$WORK/err" "-> 06 01 00 FF 10 1E 01 00 06 00 00 00 02 00 00 00 64 12 34 56 78 52 04   write DM 100 x2" \
+    "<- 06 01 00 FF 1E 01 06 00 DC 04   status 00; reply accepted" "   values 4660; reply accepted" \
+    "   handshake 1" "   handshake 2"
+expect_exit 0 "$HOST" $T --trace write TC5=1000 R2.05=1 B10=0
+expect_in "$WORK/err" "value write TC 5 = 1000" "bit set R 2.05" "bit reset B 10"
+expect_exit 0 "$HOST" $T --trace read DM100:3 MR10:2 TC5 Z3 R5.03
+expect_in "$WORK/err" "read DM 100 x3" "read MR 10 x2" "values 0x0008" \
+    "values 1000; reply accepted" "values 4294967295; reply accepted"
+expect_exit 0 "$HOST" $T --trace read T5
+expect_in "$WORK/err" "read T/TC/TS 5 x" "   values 1, 0, 0"
+grep -A1 -- '-> 06   acknowledge' "$WORK/err" | grep -q '^<-' && fail "an acknowledge took two trace lines"
+grep -q -- '^[-<][->] ' "$WORK/out" && fail "trace lines among the results"
+finish
