@@ -18,16 +18,7 @@ decode() {
 }
 
 # expect_lines FILE LINE...: FILE has each LINE as a whole line.
-expect_lines() {
-    local file=$1 line
-    shift
-    for line in "$@"; do
-        grep -qFx -- "$line" "$file" || {
-            fail "no line '$line' in $(basename "$file")"
-            head -40 "$file" | sed 's/^/  | /' >&2
-        }
-    done
-}
+expect_lines() { expect_grep Fx "$@"; }
 
 # no_lua_error FILE: the dissector raised no Lua error while decoding FILE.
 no_lua_error() {

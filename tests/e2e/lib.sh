@@ -80,17 +80,19 @@ expect_exit() {
     fi
 }
 
-# expect_in FILE TEXT...: FILE has a line containing each TEXT.
-expect_in() {
-    local file=$1 text
-    shift
+# expect_grep FLAGS FILE TEXT...: grep -qFLAGS finds each TEXT in FILE.
+expect_grep() {
+    local flags=$1 file=$2 text
+    shift 2
     for text in "$@"; do
-        grep -qF -- "$text" "$file" || {
+        grep "-q$flags" -- "$text" "$file" || {
             fail "no '$text' in $(basename "$file")"
-            head -30 "$file" | sed 's/^/  | /' >&2
+            head -40 "$file" | sed 's/^/  | /' >&2
         }
     done
 }
+# expect_in FILE TEXT...: FILE has a line containing each TEXT.
+expect_in() { expect_grep F "$@"; }
 
 # expect_refusals CODE CMD...: each line of stdin is "ARGS|SENTENCE": CMD ARGS
 # exits CODE and says SENTENCE on stderr.

@@ -74,10 +74,7 @@ std::vector<Address> addressesOf(const std::vector<GatewayMap>& maps) {
 }  // namespace
 
 Gateway::Gateway(Session& session, std::vector<GatewayMap> maps, const GatewayOptions& options)
-    : session_(session),
-      options_(options),
-      tables_(maps),
-      watcher_(session, addressesOf(maps)) {}
+    : session_(session), options_(options), tables_(maps), watcher_(session, addressesOf(maps)) {}
 
 Gateway::~Gateway() {
     stop();
@@ -277,25 +274,11 @@ bool Gateway::write(const std::vector<UnitWrite>& writes, const std::string& pee
             const auto wait =
                 std::chrono::milliseconds(static_cast<int64_t>(o.retries) * o.timeoutMs * (2 + n));
             const auto deadline = std::chrono::steady_clock::now() + wait;
-            const int id = tracker_.begin(a, deadline);
-            if (id < 0) {
-                failure = QStringLiteral("not queued: the driver's write queue stayed full");
-                break;
-            }
             std::vector<unsigned char> buffer(static_cast<size_t>(a.bufferBytes()), 0);
             for (int i = 0; i < n; ++i)
                 storeValue(reg, w.values[from + static_cast<size_t>(i)], buffer.data() + i * reg.unitBytes());
-            QString name = reg.name;
-            session_.api().setData(1, &name, a.address, a.runtimeLength(), buffer.data(), id);
-            WriteTracker::Outcome outcome;
-            if (o.localWriteOnly) {
-                tracker_.local(id);
-                outcome.state = WriteTracker::State::Written;
-            } else {
-                tracker_.queued(id);
-                outcome = tracker_.wait(id, std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                deadline - std::chrono::steady_clock::now()));
-            }
+            const WriteTracker::Outcome outcome =
+                tracker_.write(session_.api(), a, buffer.data(), o.localWriteOnly, deadline);
             switch (outcome.state) {
                 case WriteTracker::State::Written:
                     break;
@@ -310,6 +293,9 @@ bool Gateway::write(const std::vector<UnitWrite>& writes, const std::string& pee
                 case WriteTracker::State::TimedOut:
                     failure = QStringLiteral("not confirmed within %1 ms; it may still be written")
                                   .arg(wait.count());
+                    break;
+                case WriteTracker::State::NotQueued:
+                    failure = QStringLiteral("not queued: the driver's write queue stayed full");
                     break;
                 case WriteTracker::State::Pending:
                 case WriteTracker::State::Closed:

@@ -333,23 +333,9 @@ ServeBackend::Reply ServeApp::write(const QByteArray& body, const std::string& p
     for (uint32_t x : w.values) shown << QString::number(x);
     const QString what = QStringLiteral("%1 = %2").arg(w.address.text, shown.join(QLatin1Char(',')));
 
-    const auto deadline = std::chrono::steady_clock::now() + writeTimeout();
-    const int id = tracker_.begin(w.address, deadline);
-    WriteTracker::Outcome outcome;
-    if (id >= 0) {
-        QString name = reg.name;
-        session_.api().setData(1, &name, w.address.address, w.address.runtimeLength(), buffer.data(), id);
-        if (localWriteOnly_) {
-            tracker_.local(id);
-            outcome.state = WriteTracker::State::Written;
-        } else {
-            tracker_.queued(id);
-            outcome = tracker_.wait(id, std::chrono::duration_cast<std::chrono::milliseconds>(
-                                            deadline - std::chrono::steady_clock::now()));
-        }
-    } else {  // no room in the driver's write queue in time, or closing
-        outcome.state = WriteTracker::State::TimedOut;
-    }
+    const WriteTracker::Outcome outcome =
+        tracker_.write(session_.api(), w.address, buffer.data(), localWriteOnly_,
+                       std::chrono::steady_clock::now() + writeTimeout());
 
     Reply reply{200, QByteArray()};
     QString result;
@@ -379,6 +365,12 @@ ServeBackend::Reply ServeApp::write(const QByteArray& body, const std::string& p
                          .arg(writeTimeout().count() / 1000)
                          .arg(QString::fromStdString(session_.linkDescription()));
             reply = failure(504, result);
+            break;
+        case WriteTracker::State::NotQueued:
+            result = QStringLiteral("write %1 not queued: the driver's write queue stayed full for %2 s")
+                         .arg(w.address.text)
+                         .arg(writeTimeout().count() / 1000);
+            reply = failure(503, result);
             break;
         case WriteTracker::State::Pending:
         case WriteTracker::State::Closed:

@@ -4,8 +4,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include <httplib.h>
 #include <arpa/inet.h>
+#include <httplib.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 

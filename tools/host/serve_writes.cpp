@@ -55,6 +55,24 @@ WriteTracker::Outcome WriteTracker::wait(int id, std::chrono::milliseconds timeo
     return o;
 }
 
+WriteTracker::Outcome WriteTracker::write(const DriverApi& api, const Address& address, unsigned char* values,
+                                          bool localOnly, std::chrono::steady_clock::time_point deadline) {
+    const int id = begin(address, deadline);
+    if (id < 0) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return {closed_ ? State::Closed : State::NotQueued, QString()};
+    }
+    QString name = address.reg->name;
+    api.setData(1, &name, address.address, address.runtimeLength(), values, id);
+    if (localOnly) {
+        local(id);
+        return {State::Written, QString()};
+    }
+    queued(id);
+    return wait(id, std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                          std::chrono::steady_clock::now()));
+}
+
 void WriteTracker::close() {
     {
         std::lock_guard<std::mutex> lock(mutex_);

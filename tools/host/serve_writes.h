@@ -14,6 +14,7 @@
 
 #include "address.h"
 #include "comm_loop.h"
+#include "driver_loader.h"
 #include "kv3000_records.h"
 
 #include <QString>
@@ -29,11 +30,12 @@ class WriteTracker {
 public:
     enum class State {
         Pending,
-        Written,   // every frame carrying it was accepted
-        Failed,    // a frame was abandoned after its retries: message names it
-        Dropped,   // no frame ever carried it
-        TimedOut,  // not settled within the wait (it may still go out)
-        Closed,    // the host is shutting down
+        Written,    // every frame carrying it was accepted
+        Failed,     // a frame was abandoned after its retries: message names it
+        Dropped,    // no frame ever carried it
+        TimedOut,   // not settled within the wait (it may still go out)
+        NotQueued,  // no room in the driver's write queue within the wait: never sent
+        Closed,     // the host is shutting down
     };
     struct Outcome {
         State state = State::Pending;
@@ -54,6 +56,11 @@ public:
     void queued(int id);
     void local(int id);
     Outcome wait(int id, std::chrono::milliseconds timeout);
+    // All of the above for one write of address's units (values as
+    // intf_setData takes them): Written at once when the driver writes
+    // locally only; NotQueued when no room came by `deadline`.
+    Outcome write(const DriverApi& api, const Address& address, unsigned char* values, bool localOnly,
+                  std::chrono::steady_clock::time_point deadline);
     // Every waiter returns Closed, now and from now on.
     void close();
 
