@@ -338,15 +338,10 @@ std::string call(const Args& a) {
     if (v == "recipe") {
         QVector<_RCP_VAR_PRO> entries;
         const bool other = a.w.back().rfind("p=", 0) == 0;
+        const int id = other ? std::stoi(a.w.back().substr(2)) : 1;
         for (size_t i = 1; i < a.w.size() - other; ++i) {
             const Key e = a.key(i);
-            entries << _RCP_VAR_PRO{other ? std::stoi(a.w.back().substr(2)) : 1,
-                                    e.station,
-                                    e.reg,
-                                    e.address,
-                                    e.length,
-                                    e.offset,
-                                    {}};
+            entries << _RCP_VAR_PRO{id, e.station, e.reg, e.address, e.length, e.offset, {}};
         }
         std::string out = n(intf_setRcpAddress(entries)) + ":";
         for (const _RCP_VAR_PRO& b : driver.rcpBlockList)
