@@ -40,10 +40,9 @@
 #include <QMutex>
 #include <QMutexLocker>
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -339,15 +338,10 @@ std::string call(const Args& a) {
     if (v == "recipe") {
         QVector<_RCP_VAR_PRO> entries;
         const bool other = a.w.back().rfind("p=", 0) == 0;
+        const int id = other ? std::stoi(a.w.back().substr(2)) : 1;
         for (size_t i = 1; i < a.w.size() - other; ++i) {
             const Key e = a.key(i);
-            entries << _RCP_VAR_PRO{other ? std::stoi(a.w.back().substr(2)) : 1,
-                                    e.station,
-                                    e.reg,
-                                    e.address,
-                                    e.length,
-                                    e.offset,
-                                    {}};
+            entries << _RCP_VAR_PRO{id, e.station, e.reg, e.address, e.length, e.offset, {}};
         }
         std::string out = n(intf_setRcpAddress(entries)) + ":";
         for (const _RCP_VAR_PRO& b : driver.rcpBlockList)
@@ -511,11 +505,11 @@ std::map<std::string, Verb>& extraVerbs() {
     static std::map<std::string, Verb> verbs;
     return verbs;
 }
-std::string squeeze(const std::string& text) {
+Words split(const std::string& text) {
     std::istringstream in(text);
-    Texts parts;
-    for (std::string p; in >> p;) parts.push_back(p);
-    return join(parts);
+    Words out;
+    for (std::string p; in >> p;) out.push_back(p);
+    return out;
 }
 
 // One step: the verb on each ";" group of its words, the outputs joined by " ; ".
@@ -549,9 +543,9 @@ void step(const std::string& where, const std::string& line) {
         at = line.size() - 2;  // an empty output
     const std::string got = ::perform(line.substr(0, at));
     if (at == std::string::npos) return;
-    const std::string expected = squeeze(line.substr(std::min(at + 3, line.size())));
+    const std::string expected = join(split(line.substr(std::min(at + 3, line.size()))));
     if (line[at + 1] == '=')
-        EXPECT_EQ(squeeze(got), expected);
+        EXPECT_EQ(join(split(got)), expected);
     else
         EXPECT_NE(got.find(expected), std::string::npos) << got;
 }
@@ -574,21 +568,13 @@ unsigned short* recipeBuffer() {
     return rt().recipe;
 }
 std::string perform(const std::string& line) {
-    std::istringstream in(line);
-    Words w;
-    for (std::string p; in >> p;) w.push_back(p);
-    return perform(w);
+    return perform(split(line));
 }
 
 std::vector<Scenario> loadScenarios(const std::string& dir) {
     Texts files;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (const dirent* e = readdir(d))
-            if (std::string(e->d_name).size() > 4 &&
-                std::string(e->d_name).rfind(".txt") == std::strlen(e->d_name) - 4)
-                files.push_back(e->d_name);
-        closedir(d);
-    }
+    for (const auto& e : std::filesystem::directory_iterator(dir))
+        if (e.path().extension() == ".txt") files.push_back(e.path().filename().string());
     std::sort(files.begin(), files.end());
     std::vector<Scenario> out;
     for (const std::string& file : files) {
@@ -610,11 +596,8 @@ std::vector<Scenario> loadScenarios(const std::string& dir) {
 }
 
 void resetRuntime() {
-    static const bool captured = [] {
+    [[maybe_unused]] static const auto previous =
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& m) { rt().log << m; });
-        return true;
-    }();
-    (void)captured;
     Runtime& r = rt();
     driver.rcpVarList.clear(), driver.rcpBlockList.clear(), driver.rcpFirstIndex.clear();
     driver.rcpFrameIndex = 0;
