@@ -75,18 +75,16 @@ const bool verbs = [] {
     addVerb("raw", [](const Words& w) { return answerText(answer(bytesOf(w, 1))); });
     addVerb("stream", [](const Words& w) {  // N BYTES, "|" a quiet spell
         kvsim::StreamParser parser;
-        std::vector<std::string> answers;
+        std::string out;
         for (size_t from = 2, to; from <= w.size(); from = to + 1) {
             to = std::find(w.begin() + long(from), w.end(), "|") - w.begin();
             const Bytes b = bytesOf(Words(w.begin() + long(from), w.begin() + long(to)), 0);
             for (size_t i = 0; i < b.size(); i += std::stoul(w[1]))
                 for (const Bytes& f :
                      parser.feed(b.data() + i, std::min<size_t>(std::stoul(w[1]), b.size() - i)))
-                    answers.push_back(answerText(answer(f)));
+                    out += (out.empty() ? "" : " | ") + answerText(answer(f));
             if (to < w.size()) parser.expire();
         }
-        std::string out;
-        for (const std::string& a : answers) out += (out.empty() ? "" : " | ") + a;
         return out + " / " + std::to_string(parser.acks()) + " " + std::to_string(parser.garbageBytes()) +
                " " + std::to_string(parser.abandoned()) + " " + std::to_string(parser.pending());
     });
