@@ -55,6 +55,12 @@ Bytes reply(int n, uint8_t fill = 0x11) {
 QByteArray bytes(const Bytes& v) {
     return QByteArray(reinterpret_cast<const char*>(v.data()), int(v.size()));
 }
+Exchange exchange(FRAME_PRO* f, int expected, int result, const char* message, const QByteArray& reply) {
+    Exchange ex;
+    ex.frame = f, ex.expected = expected, ex.result = result, ex.reply = reply;
+    if (message) ex.message = QLatin1String(message);
+    return ex;
+}
 
 constexpr Micros kMs = 1000;
 
@@ -224,18 +230,10 @@ TEST(Trace, MalformedRequestsAndRejectedReplies) {
     EXPECT_EQ(describeRequest(cut.data(), cut.size()), "truncated request");
     EXPECT_EQ(describeRequest(odd.data(), odd.size()), "unknown request");
     FRAME_PRO f = frame({0x06}, 17);
-    Exchange ex;
-    ex.frame = &f;
-    ex.expected = 17;
-    ex.result = 8;
-    ex.retry = 2;
-    ex.timedOut = true;
-    ex.reply = QByteArray("\x06\x01\x00", 3);
+    Exchange ex = exchange(&f, 17, 8, nullptr, QByteArray("\x06\x01\x00", 3));
+    ex.retry = 2, ex.timedOut = true;
     EXPECT_EQ(describeReply(ex), "reply rejected, retry 2 (timeout, 3 of 17 bytes)");
-    ex.result = 2;
-    ex.message = QStringLiteral("1#DM100(3)");
-    ex.timedOut = false;
-    ex.linkLost = true;
+    ex.result = 2, ex.message = QStringLiteral("1#DM100(3)"), ex.timedOut = false, ex.linkLost = true;
     EXPECT_EQ(traceExchange(ex),
               "-> 06   acknowledge\n<- 06 01 00   reply rejected, abandoned: 1#DM100(3) (link lost)\n");
 }
@@ -247,12 +245,7 @@ TEST(Summary, CountsWhatWasRetriedAndWhatFinallyFailed) {
     cyclic.id = KV_CYCLIC_READ_ID;
     cyclic.elementCount = 1;
     auto record = [&](FRAME_PRO& f, int result, const char* message, Micros roundTrip = 10 * kMs) {
-        Exchange ex;
-        ex.frame = &f;
-        ex.expected = 10;
-        ex.result = result;
-        ex.message = QLatin1String(message);
-        ex.reply = QByteArray(10, 'x');
+        Exchange ex = exchange(&f, 10, result, message, QByteArray(10, 'x'));
         ex.roundTrip = roundTrip;
         s.record(ex);
     };

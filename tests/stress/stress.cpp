@@ -62,9 +62,7 @@ int connectTo(uint16_t port) {
     int small = 1024;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
     sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_family = AF_INET, a.sin_port = htons(port), a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) fail("connect");
     return fd;
 }
@@ -87,10 +85,8 @@ const Area kAreas[] = {{"DM", 64}, {"DM_bit", 64 * 16}, {"R", 64}, {"EM", 32}, {
 
 KEY_ADDRESS keyOf(const Area& a, int address, int units) {
     KEY_ADDRESS k;
-    k.reg = QString::fromLatin1(a.reg);
-    k.address = address;
-    k.length = a.traits().unitLength() * units;
-    k.dataType = a.traits().countsBits() ? -1 : 0;
+    k.reg = QString::fromLatin1(a.reg), k.address = address;
+    k.length = a.traits().unitLength() * units, k.dataType = a.traits().countsBits() ? -1 : 0;
     return k;
 }
 KEY_ADDRESS randomKey(int most) {  // up to `most` units from a random one
@@ -140,12 +136,8 @@ void registrations(Session& s) {
             for (int k = 1 + pick(4); k > 0; --k) {
                 const KEY_ADDRESS key = randomKey(4);
                 _RCP_VAR_PRO e;
-                e.protocolId = 1;
-                e.reg = key.reg;
-                e.address = key.address;
-                e.length = key.length;
-                e.bufferOffset = offset;
-                offset += 2 * e.length + 2;
+                e.protocolId = 1, e.reg = key.reg, e.address = key.address, e.length = key.length;
+                e.bufferOffset = offset, offset += 2 * e.length + 2;
                 entries.append(e);
             }
             s.api().setRcpAddress(entries);
@@ -255,12 +247,9 @@ double serve(Session& s, const Catalogue& catalogue) {
             fail(why.toStdString());
     }
     ServeOptions options;
-    options.port = 0;
-    options.allowWrites = true;
+    options.port = 0, options.allowWrites = true;
     ServeApp::Limits limits;
-    limits.threads = 64;
-    limits.maxStreams = 48;
-    limits.queueLimit = 16;
+    limits.threads = 64, limits.maxStreams = 48, limits.queueLimit = 16;
     ServeApp app(s, catalogue, addresses, options, limits);
     std::string error;
     if (!app.bind(&error)) fail(error);
@@ -344,8 +333,7 @@ double gateway(Session& s, const Catalogue& catalogue) {
             fail(why.toStdString());
     }
     GatewayOptions options;
-    options.port = 0;
-    options.allowWrites = true;
+    options.port = 0, options.allowWrites = true;
     Gateway gw(s, maps, options);
     std::string error;
     if (!gw.bind(&error)) fail(error);
