@@ -149,7 +149,13 @@ struct BlockKeyHash {
     }
 };
 
-std::unordered_map<BlockKey, std::vector<int>, BlockKeyHash> blockUnits;
+// A block's data-area positions, and whether they follow one another (the
+// entries were made in the order of the block's units).
+struct PositionList {
+    std::vector<int> at;
+    bool consecutive = false;
+};
+std::unordered_map<BlockKey, PositionList, BlockKeyHash> blockUnits;
 // Bumped when blockUnits is emptied, so a parse that a change report
 // interrupted stops using a position list that went away.
 uint64_t blockUnitsGeneration = 0;
@@ -171,14 +177,19 @@ public:
           count_(static_cast<int>(std::max(0LL, std::min<long long>(count, INT_MAX - base + 1)))),
           generation_(blockUnitsGeneration) {
         if (count_ == 0) return;
-        std::vector<int>& list =
+        PositionList& list =
             driver.state == STATE_CYCLIC_READ ? blockUnits[BlockKey{station, row, base, count}] : scratch_;
-        if (&list == &scratch_ || size_t(count_) != list.size() || !holds(0, list.front()) ||
-            !holds(count_ - 1, list.back())) {
-            list.resize(size_t(count_));
-            for (int i = 0; i < count_; ++i) list[size_t(i)] = lookUp(i);
+        if (&list == &scratch_ || size_t(count_) != list.at.size() || !holds(0, list.at.front()) ||
+            !holds(count_ - 1, list.at.back())) {
+            list.at.resize(size_t(count_));
+            list.consecutive = true;
+            for (int i = 0; i < count_; ++i) {
+                list.at[size_t(i)] = lookUp(i);
+                list.consecutive = list.consecutive && list.at[size_t(i)] == list.at[0] + i;
+            }
         }
-        positions_ = list.data();
+        positions_ = list.at.data();
+        consecutive_ = list.consecutive;
     }
     BlockUnits(const BlockUnits&) = delete;
     BlockUnits& operator=(const BlockUnits&) = delete;
@@ -188,6 +199,8 @@ public:
     // The positions, until a change report registers anew (null then).
     const int* positions() const { return generation_ == blockUnitsGeneration ? positions_ : nullptr; }
     int at(int i) const { return generation_ == blockUnitsGeneration ? positions_[i] : lookUp(i); }
+    // Position i is positions()[0] + i.
+    bool consecutive() const { return consecutive_; }
 
 private:
     int lookUp(int i) const {
@@ -209,50 +222,76 @@ private:
     int count_;
     uint64_t generation_;
     const int* positions_ = nullptr;
-    std::vector<int> scratch_;
+    bool consecutive_ = false;
+    PositionList scratch_;
 };
+
+// One changed word: the write view dropped when nothing holds it, the
+// reports its monitor flags ask for. The value is stored by the caller,
+// after the reports: a read-out from inside the callback shows the old one.
+void reportWordChange(_DATA_& entry, int at, int old, int fresh, const QString& keyName, int keyIndex) {
+    if (writeViewMayDrop(entry)) entry.writeValid = 0;
+    if (entry.monitorBits != 0)
+        wordDataChangeOf(&old, &fresh, at, 0, keyIndex);
+    else if (entry.monitorFlags & 1u)
+        reportValueChange(entry.station, keyName, entry.address);
+}
 
 // The words of a read reply into the data area, each change reported as its
 // monitor flags ask: the hot path of the cyclic reads. The entries are
-// reached through one pointer, fetched again after a report (the runtime
-// may call back in and add entries, or re-initialise the driver, which ends
-// the parse). False when re-initialised.
-bool storeWords(const unsigned char* field, const BlockUnits& units, int keyIndex, uint32_t epoch) {
+// reached through one pointer, fetched again after a report that changed
+// the data area (the runtime may call back in and add entries, or
+// re-initialise the driver, which ends the parse). False when re-initialised.
+// Out of line: in its caller it would share registers with everything else.
+__attribute__((noinline)) bool storeWords(const unsigned char* field, const BlockUnits& units, int keyIndex,
+                                          uint32_t epoch) {
     const QString& keyName = catalogueKeyName(keyIndex);
-    const int* positions = units.positions();
-    _DATA_* area = driver.dataArea.data();
-    uint64_t version = driver.dataAreaVersion;
-    for (int i = 0; i < units.size(); ++i) {
-        int at;
-        if (positions) {
-            at = positions[i];
-        } else {  // looked up one by one, which may add an entry
-            at = units.at(i);
-            area = driver.dataArea.data();
-            version = driver.dataAreaVersion;
-        }
-        const unsigned high = field[2 * i];
-        const unsigned low = field[2 * i + 1];
-        _DATA_& entry = area[at];
-        const int fresh = static_cast<int>(high << 8 | low);
-        const int old = entry.readValue[0] | entry.readValue[1] << 8;
-        if (fresh != old) {
-            if (writeViewMayDrop(entry)) entry.writeValid = 0;
-            if (entry.monitorBits != 0 || (entry.monitorFlags & 1u)) {
-                if (entry.monitorBits != 0)
-                    wordDataChangeOf(&old, &fresh, at, 0, keyIndex);
-                else
-                    reportValueChange(entry.station, keyName, entry.address);
-                if (driver.dataAreaVersion != version) {
-                    if (driver.initEpoch != epoch) return false;
-                    positions = units.positions();
-                    area = driver.dataArea.data();
-                    version = driver.dataAreaVersion;
-                }
+    const int count = units.size();
+    for (int i = 0; i < count; ++i) {
+        const int* positions = units.positions();
+        if (!positions) {  // looked up one by one, which may add an entry
+            const int at = units.at(i);
+            _DATA_& entry = driver.dataArea[at];
+            const int fresh = field[2 * i] << 8 | field[2 * i + 1];
+            const int old = entry.readValue[0] | entry.readValue[1] << 8;
+            if (fresh != old) {
+                reportWordChange(entry, at, old, fresh, keyName, keyIndex);
+                if (driver.initEpoch != epoch) return false;
             }
+            driver.dataArea[at].readValue[0] = field[2 * i + 1];
+            driver.dataArea[at].readValue[1] = field[2 * i];
+            continue;
         }
-        area[at].readValue[0] = static_cast<unsigned char>(low);
-        area[at].readValue[1] = static_cast<unsigned char>(high);
+        // Few values live across the callback, so that they stay in registers.
+        _DATA_* area = driver.dataArea.data();
+        const uint64_t version = driver.dataAreaVersion;
+        const int* position = positions + i;
+        const int* const end = positions + count;
+        // Consecutive entries are walked without their positions.
+        _DATA_* next = units.consecutive() ? area + *position : nullptr;
+        for (const unsigned char* word = field + 2 * i; position != end; ++position, word += 2) {
+            _DATA_& entry = next ? *next++ : area[*position];
+            const unsigned char high = word[0];
+            const unsigned char low = word[1];
+            if (entry.readValue[0] == low && entry.readValue[1] == high) continue;
+            if ((entry.monitorBits | entry.bitWriteFlags) == 0) {  // the common case, in line
+                entry.writeValid = 0;
+                if (entry.monitorFlags & 1u) reportValueChange(entry.station, keyName, entry.address);
+            } else {
+                reportWordChange(entry, *position, entry.readValue[0] | entry.readValue[1] << 8,
+                                 high << 8 | low, keyName, keyIndex);
+            }
+            if (driver.dataAreaVersion != version) {
+                if (driver.initEpoch != epoch) return false;
+                _DATA_& moved = driver.dataArea[*position];
+                moved.readValue[0] = low;
+                moved.readValue[1] = high;
+                break;  // the positions are fetched again
+            }
+            entry.readValue[0] = low;
+            entry.readValue[1] = high;
+        }
+        i = static_cast<int>(position - positions);
     }
     return true;
 }
