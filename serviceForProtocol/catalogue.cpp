@@ -7,41 +7,65 @@
 
 namespace {
 
-// The rows by the first letter of their names, in catalogue order (at most 7 share one).
-struct FirstLetters {
-    signed char rows[128][8] = {};
-    int count[128] = {};
+// The row of each (length, first letter, second letter) that a name has, +1
+// (0: no row): no two rows share all three, so one look-up finds the only
+// row a name can be, and one comparison tells.
+constexpr int kMaxNameLength = 6;
+struct NameTable {
+    signed char rows[kMaxNameLength][26][27] = {};
 };
 
-constexpr FirstLetters firstLetters() {
-    FirstLetters f;
-    for (int i = 0; i < REG_COUNT; ++i) {
-        const int c = static_cast<unsigned char>(REG_LIST[i][0]) & 0x7F;
-        f.rows[c][f.count[c]++] = static_cast<signed char>(i);
-    }
-    return f;
+constexpr int letterAt(const char* text, int k, int n) {
+    return k < n ? text[k] - 'A' + 1 : 0;
 }
 
-constexpr FirstLetters kFirstLetters = firstLetters();
+constexpr int lengthOf(const char* text) {
+    int n = 0;
+    while (text[n] != '\0') ++n;
+    return n;
+}
+
+constexpr NameTable nameTable() {
+    NameTable t;
+    for (int i = 0; i < REG_COUNT; ++i) {
+        const char* name = REG_LIST[i];
+        const int n = lengthOf(name);
+        t.rows[n - 1][letterAt(name, 0, n) - 1][letterAt(name, 1, n)] = static_cast<signed char>(i + 1);
+    }
+    return t;
+}
+
+constexpr NameTable kNames = nameTable();
+
+// Every name fits the table, and no two share a slot.
+constexpr bool namesFit() {
+    for (int i = 0; i < REG_COUNT; ++i) {
+        const char* name = REG_LIST[i];
+        const int n = lengthOf(name);
+        if (n < 1 || n > kMaxNameLength || name[0] < 'A' || name[0] > 'Z') return false;
+        if (n > 1 && (name[1] < 'A' || name[1] > 'Z')) return false;
+        if (kNames.rows[n - 1][letterAt(name, 0, n) - 1][letterAt(name, 1, n)] != i + 1) return false;
+    }
+    return true;
+}
+static_assert(namesFit(), "the catalogue's names fit the name table one to a slot");
 
 }  // namespace
 
-// Called for every block and unit the driver handles: only the rows that
-// share the name's first letter are compared, character by character.
+// Called for every block and unit the driver handles.
 int getIndexFromRegName(const QString& name) {
     const int n = name.size();
-    if (n == 0) return -1;
+    if (n < 1 || n > kMaxNameLength) return -1;
     const QChar* text = name.constData();
-    const unsigned first = text[0].unicode();
-    if (first >= 128) return -1;
-    for (int r = 0; r < kFirstLetters.count[first]; ++r) {
-        const int i = kFirstLetters.rows[first][r];
-        const char* entry = REG_LIST[i];
-        int k = 0;
-        while (k < n && entry[k] != '\0' && text[k].unicode() == static_cast<unsigned char>(entry[k])) ++k;
-        if (k == n && entry[k] == '\0') return i;
-    }
-    return -1;
+    const unsigned first = text[0].unicode() - 'A';
+    const unsigned second = n > 1 ? text[1].unicode() - 'A' + 1 : 0;
+    if (first >= 26 || second >= 27) return -1;
+    const int i = kNames.rows[n - 1][first][second] - 1;
+    if (i < 0) return -1;
+    const char* entry = REG_LIST[i];
+    for (int k = 2; k < n; ++k)
+        if (text[k].unicode() != static_cast<unsigned char>(entry[k])) return -1;
+    return i;
 }
 
 int regElementBits(int index) {
