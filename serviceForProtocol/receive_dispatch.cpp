@@ -43,7 +43,7 @@ const QString& describeHead() {
     if (driver.handShakeFlag && head.replyLength != 0) return connectionFailed;
     DescribedFrame& last = lastDescribed;
     if (last.valid && last.station == head.station && last.address == head.address &&
-        last.length == head.length && last.reg == head.reg)
+        last.length == head.length && (last.reg.constData() == head.reg.constData() || last.reg == head.reg))
         return last.text;
     const QString text = blockText(head.station, head.reg, head.address, head.length);
     last.valid = true;
