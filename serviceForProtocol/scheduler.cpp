@@ -115,7 +115,9 @@ int intf_getSendFrame(FRAME_PRO* out) {
         }
 
         bool haveWrite = false;
-        if (driver.sendCount <= 9) {
+        // Every change of writeList is made under `serial` as well, which is
+        // held here: an empty list is seen without taking `mutex`.
+        if (driver.sendCount <= 9 && !driver.writeList.isEmpty()) {
             std::lock_guard<std::mutex> lock(driver.mutex);
             if (!driver.writeList.isEmpty()) {
                 assignRecord(driver.currentVar, driver.writeList.constFirst());
