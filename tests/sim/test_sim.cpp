@@ -35,10 +35,7 @@ using Bytes = std::vector<uint8_t>;
 using Clock = std::chrono::steady_clock;
 
 Bytes hx(const std::string& text) {
-    std::istringstream in(text);
-    Words w;
-    for (std::string t; in >> t;) w.push_back(t);
-    return bytesOf(w, 0);
+    return bytesOf(split(text));
 }
 // 06 01 00 FF L <command> check 04
 Bytes request(const Bytes& command) {

@@ -38,14 +38,44 @@
 #include "sim_protocol.h"
 
 #include <QMutex>
-#include <QMutexLocker>
 
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <regex>
+#include <set>
 #include <sstream>
+
+std::vector<unsigned char> bytesOf(const Words& w, size_t from) {
+    std::vector<unsigned char> out;
+    for (size_t k = from; k < w.size(); ++k) {
+        const size_t star = w[k].find('*');
+        for (int b = 0; w[k] == "ramp" && b < 2048; ++b) out.push_back(static_cast<unsigned char>(b));
+        if (w[k] != "ramp" && w[k] != "null")
+            out.insert(out.end(), star == std::string::npos ? 1 : std::stoul(w[k].substr(star + 1)),
+                       static_cast<unsigned char>(std::stoul(w[k].substr(0, star), nullptr, 16)));
+    }
+    return out;
+}
+std::string hexOf(const unsigned char* p, long long count) {
+    std::string out;
+    char b[24];
+    for (long long i = 0, run; i < count; i += run) {
+        for (run = 1; i + run < count && p[i + run] == p[i];) ++run;
+        if (run < 8) run = 1;
+        std::snprintf(b, sizeof b, run > 1 ? " %02X*%lld" : " %02X", p[i], run);
+        out += b;
+    }
+    return out.empty() ? out : out.substr(1);
+}
+Words split(const std::string& text) {
+    std::istringstream in(text);
+    Words out;
+    for (std::string p; in >> p;) out.push_back(p);
+    return out;
+}
 
 namespace {
 
@@ -71,7 +101,7 @@ struct Key {
 Key parseKey(const std::string& t) {
     Key k;
     const size_t colon = t.find(':'), from = colon == std::string::npos ? 0 : colon + 1;
-    if (from) k.station = std::stoi(t.substr(0, colon));
+    if (from) k.station = int(std::strtol(t.c_str(), nullptr, 10));
     size_t i = from;
     while (i < t.size() && !std::isdigit(static_cast<unsigned char>(t[i])) && t[i] != '-') ++i;
     k.reg = QString::fromStdString(t.substr(from, i - from));
@@ -90,6 +120,14 @@ std::string keyText(int station, const QString& reg, long long address, long lon
     return unitText(station, reg, address) + "x" + n(length) + (id ? "#" + n(id) : "");
 }
 
+KEY_ADDRESS keyAddress(const Key& k) {
+    KEY_ADDRESS a;
+    a.station = k.station, a.reg = k.reg, a.address = k.address, a.length = k.length;
+    a.recipeOffset = k.offset;
+    a.dataType = kvreg::traits(getIndexFromRegName(k.reg)).countsBits() ? -1 : 0;
+    return a;
+}
+
 // The words of one step, its verb first.
 struct Args {
     Words w;
@@ -100,32 +138,17 @@ struct Args {
     Key key(size_t k) const { return parseKey(w.at(k)); }
     bool is(size_t k, const char* word) const { return k < w.size() && w[k] == word; }
     Bytes bytes(size_t from, size_t size = 0) const {
-        Bytes out;
-        for (size_t k = from; k < w.size(); ++k) {
-            const size_t star = w[k].find('*');
-            for (int b = 0; w[k] == "ramp" && b < 2048; ++b) out.push_back(static_cast<unsigned char>(b));
-            if (w[k] != "ramp" && w[k] != "null")
-                out.insert(out.end(), star == std::string::npos ? 1 : std::stoul(w[k].substr(star + 1)),
-                           static_cast<unsigned char>(std::stoul(w[k].substr(0, star), nullptr, 16)));
-        }
+        Bytes out = bytesOf(w, from);
         out.resize(std::max(out.size(), size));
         return out;
     }
-    QList<KEY_ADDRESS> keys(size_t from) const;
+    QList<KEY_ADDRESS> keys(size_t from) const {
+        QList<KEY_ADDRESS> out;
+        for (size_t k = from; k < w.size(); ++k) out << keyAddress(key(k));
+        return out;
+    }
 };
 
-KEY_ADDRESS keyAddress(const Key& k) {
-    KEY_ADDRESS a;
-    a.station = k.station, a.reg = k.reg, a.address = k.address, a.length = k.length;
-    a.recipeOffset = k.offset;
-    a.dataType = kvreg::traits(getIndexFromRegName(k.reg)).countsBits() ? -1 : 0;
-    return a;
-}
-QList<KEY_ADDRESS> Args::keys(size_t from) const {
-    QList<KEY_ADDRESS> out;
-    for (size_t k = from; k < w.size(); ++k) out << keyAddress(key(k));
-    return out;
-}
 VARIABLE variable(const Key& k, const Bytes& data = {}) {
     VARIABLE v;
     v.id = k.id, v.station = k.station, v.reg = k.reg, v.address = k.address, v.length = k.length;
@@ -144,17 +167,6 @@ std::string listText(const QList<VARIABLE>& list, bool ids = true) {
     }
     return join(out);
 }
-std::string hex(const unsigned char* p, long long count) {
-    Texts out;
-    char b[24];
-    for (long long i = 0, run; i < count; i += run) {
-        for (run = 1; i + run < count && p[i + run] == p[i];) ++run;
-        if (run < 8) run = 1;
-        std::snprintf(b, sizeof b, run > 1 ? "%02X*%lld" : "%02X", p[i], run);
-        out.emplace_back(b);
-    }
-    return join(out);
-}
 std::string words(const unsigned short* p, int count) {
     Texts out;
     char b[8];
@@ -167,21 +179,20 @@ std::string bookText(const FRAME_PRO& f) {
 }
 std::string frameText(const FRAME_PRO& f) {
     const int size = std::clamp(f.sendLength, 0, int(KV_BUFFER_SIZE));
-    if (size <= 40) return hex(f.frame, size);
-    return hex(f.frame, 17) + " .." + n(size - 19) + ".. " + hex(f.frame + size - 2, 2);
+    if (size <= 40) return hexOf(f.frame, size);
+    return hexOf(f.frame, 17) + " .." + n(size - 19) + ".. " + hexOf(f.frame + size - 2, 2);
 }
 // What the frame builders appended, which is then dropped.
 std::string frames() {
     Texts out;
-    for (const FRAME_PRO& f : driver.frameList) out.push_back(frameText(f) + " | " + bookText(f));
-    driver.frameList.clear();
+    for (const FRAME_PRO& f : std::exchange(driver.frameList, {}))
+        out.push_back(frameText(f) + " | " + bookText(f));
     return out.empty() ? "none" : join(out, " , ");
 }
 
 struct Call {
-    int context, station;
+    int context, station, address;
     QString name;
-    int address;
     std::string extra;
 };
 // The runtime's side: shared memory, recipe buffer, the controller, and what the driver said.
@@ -201,11 +212,11 @@ Runtime& rt() {
     return r;
 }
 void record(int context, int station, const QString& name, int address) {
-    rt().calls.push_back({context, station, name, address, {}});
+    rt().calls.push_back({context, station, address, name, {}});
 }
 std::string callsText() {
     Texts out;
-    const std::vector<Call>& c = rt().calls;
+    const std::vector<Call> c = std::exchange(rt().calls, {});
     for (size_t i = 0, run; i < c.size(); i += run) {
         for (run = 1; c[i].name == "RWI" && i + run < c.size() && c[i + run].name == "RWI" &&
                       c[i + run].address == c[i].address + int(run);)
@@ -215,7 +226,6 @@ std::string callsText() {
                                            : unitText(c[i].station, c[i].name, c[i].address) + c[i].extra);
         if (run > 1) out.back() += "-" + n(c[i].address + int(run) - 1);
     }
-    rt().calls.clear();
     return join(out);
 }
 // Change callbacks that do what a runtime may do from one.
@@ -233,7 +243,7 @@ const std::map<std::string, ValueChangeCallBack> kCallbacks = {
      [](int context, int station, const QString& name, int address) {
          unsigned char b[2] = {0xEE, 0xEE};
          intf_getData(station, name, address, 1, b);
-         rt().calls.push_back({context, station, name, address, "=" + hex(b, 1) + hex(b + 1, 1)});
+         rt().calls.push_back({context, station, address, name, "=" + hexOf(b, 1) + hexOf(b + 1, 1)});
      }},
     {"grow",  // reads 64 units never read before
      [](int, int station, const QString&, int) {
@@ -255,9 +265,11 @@ void initDriver(const char* parameters) {
     intf_initProperty(rt().shm, nullptr, rt().recipe, &status, parameters, &rt().shareMutex);
     EXPECT_EQ(status, 0);
 }
+QByteArray qbytes(const Bytes& b) {
+    return QByteArray(reinterpret_cast<const char*>(b.data()), int(b.size()));
+}
 QByteArray simAnswer(const FRAME_PRO& f) {
-    const Bytes a = kvsim::answer(rt().plc, f.frame, size_t(f.sendLength));
-    return QByteArray(reinterpret_cast<const char*>(a.data()), int(a.size()));
+    return qbytes(kvsim::answer(rt().plc, f.frame, size_t(f.sendLength)));
 }
 // Whole transactions, the controller answering (or "?" for every reply with bad).
 std::string run(int transactions, bool bad, bool messages) {
@@ -284,9 +296,7 @@ std::string run(int transactions, bool bad, bool messages) {
 std::string call(const Args& a) {
     const std::string& v = a.w[0];
     Runtime& r = rt();
-    static const Texts keyed = {"write",      "queue", "cread", "get",    "plc",   "readframe",
-                                "writeframe", "parse", "save",  "settle", "mflag", "unit"};
-    const Key k = a.w.size() > 1 && std::count(keyed.begin(), keyed.end(), v) ? a.key(1) : Key();
+    const Key k = a.w.size() > 1 ? a.key(1) : Key();
     int address = 777, result = 0;  // the caller's integer before a call that sets it
     QString parameter, page;
     // Runtime.
@@ -301,13 +311,13 @@ std::string call(const Args& a) {
     if (v == "info") {
         intf_getProtocolType(&result);
         intf_getDriverParameter(parameter), intf_getDriverPropertyPage(page);
-        return (parameter + " " + intf_getVersion() + " " + page + " " + QString::number(result))
+        return QStringList{parameter, intf_getVersion(), page, QString::number(result)}
+            .join(' ')
             .toStdString();
     }
     if (v == "callback") {
         if (a.w.size() > 2) r.callbackKey = keyAddress(a.key(2));
-        intf_setAddrValueChangeCallBack(kCallbacks.at(a.w[1]));
-        return "";
+        return intf_setAddrValueChangeCallBack(kCallbacks.at(a.w[1])), "";
     }
     if (v == "monitor") {
         QList<KEY_ADDRESS> keys = a.keys(1);
@@ -319,9 +329,8 @@ std::string call(const Args& a) {
     }
     if (v == "write") {
         QString reg = k.reg;
-        Bytes data = a.bytes(2, 4096);
         result = intf_setData(k.station, reg == "null" ? nullptr : &reg, k.address, k.length,
-                              a.is(2, "null") ? nullptr : data.data(), k.id);
+                              a.is(2, "null") ? nullptr : a.bytes(2, 4096).data(), k.id);
     }
     if (v == "write" || v == "queue" || v == "writes") {
         std::lock_guard<std::mutex> lock(driver.mutex);
@@ -358,11 +367,11 @@ std::string call(const Args& a) {
             intf_getData(k.station, k.reg, k.address, k.length, a.is(2, "size=0") ? nullptr : out.data());
         const bool past =
             std::any_of(out.begin() + size, out.end(), [](unsigned char b) { return b != 0xEE; });
-        return unlessOne(result) + hex(out.data(), size) +
-               (past ? " + " + hex(out.data() + size, 4096 - size) : "");
+        return unlessOne(result) + hexOf(out.data(), size) +
+               (past ? " + " + hexOf(out.data() + size, 4096 - size) : "");
     }
     if (v == "request") {
-        QMutexLocker lock(&r.shareMutex);
+        std::lock_guard<QMutex> lock(r.shareMutex);
         unsigned char* request = r.shm + kvwire::SHM_RECIPE_WRITE;
         if (a.w.size() > 2) request[0] = uint8_t(a.i(1)), request[1] = uint8_t(a.i(2));
         return n(request[0]) + " " + n(request[1]);
@@ -372,11 +381,7 @@ std::string call(const Args& a) {
     if (v == "rset") return "";
     if (v == "rget") return words(r.recipe + a.i(1), a.i(2));
     if (v == "calls") return callsText();
-    if (v == "log") {
-        const std::string out = r.log.join(" | ").toStdString();
-        r.log.clear();
-        return out;
-    }
+    if (v == "log") return std::exchange(r.log, {}).join(" | ").toStdString();
     if (v == "driver")
         return n(driver.state) + " " + n(driver.retryCount) + " " + n(driver.commError) + " " +
                n(driver.sendCount) + " " + n(driver.handShakeFlag) + " " + n(driver.rcpFrameIndex);
@@ -386,8 +391,7 @@ std::string call(const Args& a) {
     if (v == "reply") {
         const bool sim = a.w[1].rfind("sim", 0) == 0;
         const Bytes b = sim || a.is(1, "-") ? Bytes() : a.bytes(1);
-        QByteArray reply =
-            sim ? simAnswer(r.frame) : QByteArray(reinterpret_cast<const char*>(b.data()), int(b.size()));
+        QByteArray reply = sim ? simAnswer(r.frame) : qbytes(b);
         if (a.w[1].rfind("sim:", 0) == 0) reply = reply.left(std::stoi(a.w[1].substr(4)));
         QString message;
         result = a.is(1, "null") ? intf_dealRcvFrame(nullptr, nullptr) : intf_dealRcvFrame(&reply, &message);
@@ -408,26 +412,18 @@ std::string call(const Args& a) {
         return join(out);
     }
     // Internals.
-    if (v == "readframe") {
-        result = a.w.size() == 1 ? getReadFrame({}) : getReadFrame({variable(k)});
-        return n(result) + " " + frames();
-    }
+    if (v == "readframe") result = a.w.size() == 1 ? getReadFrame({}) : getReadFrame({variable(k)});
+    if (v == "readframe") return n(result) + " " + frames();
     if (v == "writeframe") {
         VARIABLE var = variable(k, a.bytes(2));
-        getWriteFrame(var);
-        return frames();
+        return getWriteFrame(var), frames();
     }
     if (v == "checksum") {
         Bytes b = a.bytes(1);
         const unsigned short sum = computate_check(b.empty() ? nullptr : b.data(), uint16_t(b.size()));
         return words(&sum, 1);
     }
-    if (v == "parse") {
-        const Bytes b = a.bytes(4);
-        return analyzeFrameOfVal(QByteArray(reinterpret_cast<const char*>(b.data()), int(b.size())), a.i(2),
-                                 a.i(3), variable(k)),
-               "";
-    }
+    if (v == "parse") return analyzeFrameOfVal(qbytes(a.bytes(4)), a.i(2), a.i(3), variable(k)), "";
     if (v == "check") {
         FRAME_PRO f;
         f.replyLength = a.i(2), f.elementCount = a.i(3);
@@ -435,10 +431,8 @@ std::string call(const Args& a) {
         driver.handShakeFlag = a.i(1);
         Bytes b = a.is(4, "null") ? Bytes() : a.bytes(4);
         result = check_rcv_data(b.empty() ? nullptr : b.data(), {}, a.is(4, "null") ? a.i(5) : int(b.size()));
-        const std::string out = n(result) + " " + n(driver.handShakeFlag);
         driver.frameList.clear();
-        driver.handShakeFlag = 0;
-        return out;
+        return n(result) + " " + n(std::exchange(driver.handShakeFlag, 0));
     }
     if (v == "str2int" || v == "regindex") {
         Texts out;
@@ -505,13 +499,6 @@ std::map<std::string, Verb>& extraVerbs() {
     static std::map<std::string, Verb> verbs;
     return verbs;
 }
-Words split(const std::string& text) {
-    std::istringstream in(text);
-    Words out;
-    for (std::string p; in >> p;) out.push_back(p);
-    return out;
-}
-
 // One step: the verb on each ";" group of its words, the outputs joined by " ; ".
 std::string perform(const Words& w) {
     Texts out;
@@ -537,29 +524,18 @@ std::string perform(const Words& w) {
 
 void step(const std::string& where, const std::string& line) {
     SCOPED_TRACE(where + ": " + line);
-    size_t at = line.find(" = ");
-    if (at == std::string::npos) at = line.find(" ~ ");
-    if (at == std::string::npos && line.size() > 2 && line.compare(line.size() - 2, 2, " =") == 0)
-        at = line.size() - 2;  // an empty output
-    const std::string got = ::perform(line.substr(0, at));
-    if (at == std::string::npos) return;
-    const std::string expected = join(split(line.substr(std::min(at + 3, line.size()))));
-    if (line[at + 1] == '=')
-        EXPECT_EQ(join(split(got)), expected);
-    else
-        EXPECT_NE(got.find(expected), std::string::npos) << got;
+    static const std::regex form("(.*?)(?: ([=~])(?:$| (.*)))?");  // step, then = or ~ and the output
+    std::smatch m;
+    std::regex_match(line, m, form);
+    const std::string got = ::perform(m[1]), expected = join(split(m[3]));
+    EXPECT_EQ(m[2] == "=" ? join(split(got)) : expected, expected);
+    EXPECT_TRUE(m[2] != "~" || got.find(expected) != std::string::npos) << got;
 }
 
 }  // namespace
 
 void addVerb(const std::string& name, Verb verb) {
     extraVerbs()[name] = std::move(verb);
-}
-std::vector<unsigned char> bytesOf(const Words& w, size_t from) {
-    return Args{w}.bytes(from);
-}
-std::string hexOf(const unsigned char* bytes, long long count) {
-    return hex(bytes, count);
 }
 kvsim::Memory& controller() {
     return rt().plc;
@@ -572,24 +548,21 @@ std::string perform(const std::string& line) {
 }
 
 std::vector<Scenario> loadScenarios(const std::string& dir) {
-    Texts files;
+    std::set<std::string> files;
     for (const auto& e : std::filesystem::directory_iterator(dir))
-        if (e.path().extension() == ".txt") files.push_back(e.path().filename().string());
-    std::sort(files.begin(), files.end());
+        if (e.path().extension() == ".txt") files.insert(e.path().filename().string());
     std::vector<Scenario> out;
     for (const std::string& file : files) {
         std::ifstream in(dir + "/" + file);
         std::string line;
         for (int number = 1; std::getline(in, line); ++number) {
-            if (line.rfind("== ", 0) == 0) {
-                std::string name = file.substr(0, file.size() - 4) + "_" + line.substr(3);
-                std::replace_if(
-                    name.begin(), name.end(),
-                    [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); }, '_');
-                out.push_back({file + ":" + n(number), name, {}});
-            } else if (!out.empty() && line.find_first_not_of(' ') != std::string::npos && line[0] != '#') {
+            if (line.rfind("== ", 0) == 0)
+                out.push_back({file + ":" + n(number),
+                               std::regex_replace(file.substr(0, file.size() - 4) + "_" + line.substr(3),
+                                                  std::regex("[^A-Za-z0-9]"), "_"),
+                               {}});
+            else if (!out.empty() && line.find_first_not_of(' ') != std::string::npos && line[0] != '#')
                 out.back().steps.emplace_back(number, line);
-            }
         }
     }
     return out;

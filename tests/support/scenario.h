@@ -1,9 +1,7 @@
-// Tests as data. A scenario file holds scenarios, each a title line "== title"
-// and steps, one per line: "verb args", "verb args = output" (the output must
-// be this, spaces aside) or "verb args ~ text" (the output must contain it).
-// "#" starts a comment line. Every scenario starts from a driver initialised
-// with "1#0#0#3#10" whose handshake the simulator's core answered, a fresh
-// controller memory, and no change reports. scenario.cpp lists the verbs.
+// Tests as data: scenarios, each a line "== title" and steps, one a line: "verb args", "verb args =
+// output" (this output, spaces aside) or "verb args ~ text" (an output containing it); "#" starts a
+// comment. Each starts from a driver initialised with "1#0#0#3#10" whose handshake the simulator's
+// core answered, a fresh controller memory and no change reports. scenario.cpp lists the verbs.
 #ifndef KV3000_TEST_SCENARIO_H
 #define KV3000_TEST_SCENARIO_H
 
@@ -12,14 +10,11 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <ostream>
 #include <string>
-#include <utility>
 #include <vector>
 
 struct Scenario {
-    std::string where;  // file:line of the title
-    std::string name;   // file stem and title as one identifier
+    std::string where, name;  // file:line of the title; file stem and title as one identifier
     std::vector<std::pair<int, std::string>> steps;
 };
 inline void PrintTo(const Scenario& s, std::ostream* os) {
@@ -35,14 +30,14 @@ using Verb = std::function<std::string(const Words&)>;
 void addVerb(const std::string& name, Verb verb);
 void runScenario(const Scenario& s);
 
-// For tests written in C++: the runtime as a scenario starts, its controller and recipe
-// buffer, and one step's output.
+// For tests in C++: the runtime as a scenario starts, its controller and recipe buffer, one step's
+// output, a text's words, bytes from words as steps write them, and as outputs print them.
 void resetRuntime();
 kvsim::Memory& controller();
 unsigned short* recipeBuffer();
 std::string perform(const std::string& step);
-// Bytes from words as steps write them, and as outputs print them.
-std::vector<unsigned char> bytesOf(const Words& w, size_t from);
+Words split(const std::string& text);
+std::vector<unsigned char> bytesOf(const Words& w, size_t from = 0);
 std::string hexOf(const unsigned char* bytes, long long count);
 
 class ScenarioTest : public ::testing::TestWithParam<Scenario> {};
