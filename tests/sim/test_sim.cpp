@@ -1,12 +1,11 @@
-// The simulator: its core, console and fault lists as scenarios (tests/sim/*.txt, verbs below),
-// its memory, areas, faults and stream parser; on its links a scripted host over TCP and the
-// pseudo-terminal, clients that misbehave, faults on the wire, captures and their replay; and the
-// built kv3000-sim with its options, console and signals.
+// The simulator: core, console and fault lists as scenarios (sim/*.txt); memory, areas, faults, stream
+// parser; its links (TCP, pseudo-terminal, misbehaving clients, wire faults); captures; kv3000-sim.
 #include "capture_file.h"
 #include "kv3000_sim.h"
 #include "scenario.h"
 
 #include <pcap/pcap.h>
+#include <QProcess>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -15,7 +14,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -25,7 +23,6 @@
 #include <memory>
 #include <random>
 #include <regex>
-#include <sstream>
 #include <thread>
 #include <utility>
 
@@ -571,51 +568,20 @@ TEST(Capture, ReplayAndSessionsThatRecord) {
               "1:06 | 2:" + hex(write) + "/3:" + hex(refused) + " | 4:" + hex(kRead) + "/5: | ");
 }
 
-// The built simulator with pipes on its stdin and stdout, its arguments separated by "|".
-struct Process {
-    explicit Process(const std::string& args) {
-        std::vector<std::string> a{KV3000_SIM_BINARY};
-        for (size_t from = 0, to; from <= args.size(); from = to + 1)
-            a.push_back(args.substr(from, (to = std::min(args.find('|', from), args.size())) - from));
-        std::vector<char*> argv;
-        for (auto& x : a) argv.push_back(x.data());
-        argv.push_back(nullptr);
-        int in[2], out[2];
-        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-        if ((pid = fork()) == 0) {
-            dup2(in[0], STDIN_FILENO), dup2(out[1], STDOUT_FILENO);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        ::close(in[0]), ::close(out[1]);
-        stdinFd = in[1], stdoutFd = out[0];
-    }
-    ~Process() {
-        ::close(stdinFd), ::close(stdoutFd);
-        if (pid > 0 && wait() < 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
-    }
-    std::string rest() {
-        std::string all;
-        for (Bytes b; !(b = readFd(stdoutFd, 4096, 3000)).empty();) all.append(b.begin(), b.end());
-        return all;
-    }
+// The built simulator, its arguments separated by "|".
+struct Process : QProcess {
+    explicit Process(const QString& args) { start(KV3000_SIM_BINARY, args.split('|')), waitForStarted(); }
+    std::string rest() { return waitForFinished(3000), readAllStandardOutput().toStdString(); }
     uint16_t port() {  // from its first line, "listening on 127.0.0.1:PORT"
-        std::string l;
-        for (Bytes b; (b = readFd(stdoutFd, 1, 3000)).size() == 1 && b[0] != '\n';) l += char(b[0]);
+        while (!canReadLine() && waitForReadyRead(3000)) continue;
+        const std::string l = readLine().toStdString();
         return l.rfind("listening on 127.0.0.1:", 0) == 0 ? uint16_t(std::stoi(l.substr(23))) : 0;
     }
     int wait() {  // the exit status, -1 when it did not end in 3 s
-        for (int waited = 0, status = 0; waited < 3000 && pid > 0; waited += 10) {
-            if (waitpid(pid, &status, WNOHANG) == pid)
-                return pid = -1, WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return -1;
+        waitForFinished(3000);
+        return state() == NotRunning && exitStatus() == NormalExit ? exitCode() : -1;
     }
-    pid_t pid = -1;
-    int stdinFd = -1, stdoutFd = -1;
 };
-
 // SIGINT, SIGTERM, "quit" and the end of its input stop it, each with its counters at the end.
 TEST(Binary, StopsOnSignalsQuitAndTheEndOfItsInput) {
     for (const char* how : {"SIGINT", "SIGTERM", "quit", "end"}) {
@@ -623,9 +589,9 @@ TEST(Binary, StopsOnSignalsQuitAndTheEndOfItsInput) {
         const uint16_t port = p.port();
         ASSERT_NE(port, 0);
         EXPECT_TRUE(good(Client(port).transact(kHandshake1, 9), 9));
-        if (how[0] == 'S') kill(p.pid, how[4] == 'N' ? SIGINT : SIGTERM);
-        if (how[0] == 'q') writeAll(p.stdinFd, Bytes{'q', 'u', 'i', 't', '\n'});
-        if (how[0] == 'e') ::close(std::exchange(p.stdinFd, -1));
+        if (how[0] == 'S') kill(pid_t(p.processId()), how[4] == 'N' ? SIGINT : SIGTERM);
+        if (how[0] == 'q') p.write("quit\n");
+        if (how[0] == 'e') p.closeWriteChannel();
         EXPECT_NE(p.rest().find("requests 1 handshakes 1 reads 0 "), std::string::npos) << how;
         EXPECT_EQ(p.wait(), 0) << how;
     }
