@@ -1,6 +1,5 @@
-// The driver's scenarios (tests/unit/*.txt), and what must hold for any input: well-formed frames
-// whatever the block, a defined result whatever the reply, the data area's index against a linear
-// scan, cyclic reads and recipe transfers of random registrations against the controller's memory.
+// The driver's scenarios (unit/*.txt), and what holds for any input: well-formed frames, a defined
+// result for any reply, the data area's index, cyclic reads and recipe transfers of random entries.
 #include "kv3000_catalogue.h"
 #include "kv3000_wire.h"
 #include "kv_3000/frame_builder.h"
