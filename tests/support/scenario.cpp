@@ -139,8 +139,7 @@ struct Args {
     bool is(size_t k, const char* word) const { return k < w.size() && w[k] == word; }
     Bytes bytes(size_t from, size_t size = 0) const {
         Bytes out = bytesOf(w, from);
-        out.resize(std::max(out.size(), size));
-        return out;
+        return out.resize(std::max(out.size(), size)), out;
     }
     QList<KEY_ADDRESS> keys(size_t from) const {
         QList<KEY_ADDRESS> out;
@@ -228,7 +227,7 @@ std::string callsText() {
     }
     return join(out);
 }
-// Change callbacks that do what a runtime may do from one.
+// Change callbacks doing what a runtime may do from one.
 const std::map<std::string, ValueChangeCallBack> kCallbacks = {
     {"record", &record},
     {"none", nullptr},
@@ -276,19 +275,18 @@ std::string run(int transactions, bool bad, bool messages) {
     Texts out;
     for (int t = 0; t < transactions; ++t) {
         FRAME_PRO f;
-        if (!intf_getSendFrame(&f)) {
-            out.push_back("idle");
-            continue;
-        }
-        std::string label = driver.state == STATE_HANDSHAKE ? "hs" : unitText(f.station, f.reg, f.address);
+        const bool idle = !intf_getSendFrame(&f);
+        std::string label = idle                              ? "idle"
+                            : driver.state == STATE_HANDSHAKE ? "hs"
+                                                              : unitText(f.station, f.reg, f.address);
         QString message;
-        for (int guard = 0; guard < 100000; ++guard) {
+        for (int guard = 0; !idle && guard < 100000; ++guard) {
             QByteArray reply = bad ? QByteArray("?") : simAnswer(f);
             const int r = intf_dealRcvFrame(&reply, &message);
             if (r == KV_DEAL_ABANDONED) label += "!2";
             if (r == KV_DEAL_ABANDONED || driver.frameList.isEmpty() || !intf_getSendFrame(&f)) break;
         }
-        out.push_back(messages ? message.toStdString() : label);
+        out.push_back(messages && !idle ? message.toStdString() : label);
     }
     return join(out);
 }
