@@ -110,8 +110,6 @@ const bool verbs = [] {
     return true;
 }();
 
-KV_SCENARIO_TESTS(KV_SCENARIOS);
-
 TEST(Memory, EveryRegisterHoldsItsRangeAndNoMore) {
     kvsim::Memory mem;
     for (const kvsim::RegInfo& r : kvsim::registers()) {

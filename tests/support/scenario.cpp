@@ -544,7 +544,32 @@ unsigned short* recipeBuffer() {
 std::string perform(const std::string& line) {
     return perform(split(line));
 }
+void resetRuntime() {
+    [[maybe_unused]] static const auto previous =
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& m) { rt().log << m; });
+    Runtime& r = rt();
+    driver.rcpVarList.clear(), driver.rcpBlockList.clear(), driver.rcpFirstIndex.clear();
+    driver.rcpFrameIndex = 0;
+    std::memset(r.shm, 0, sizeof r.shm);
+    std::memset(r.recipe, 0, sizeof r.recipe);
+    r.plc.clear();
+    initDriver("1#0#0#3#10");
+    intf_setAddrValueChangeCallBack(&record);
+    EXPECT_EQ(run(1, false, false), "hs");
+    r.calls.clear();
+    r.log.clear();
+}
 
+namespace {
+
+struct Scenario {
+    std::string where, name;  // file:line of the title; file stem and title as one identifier
+    std::vector<std::pair<int, std::string>> steps;
+};
+void PrintTo(const Scenario& s, std::ostream* os) {
+    *os << s.where;
+}
+// Every scenario of the *.txt files in dir, files in name order.
 std::vector<Scenario> loadScenarios(const std::string& dir) {
     std::set<std::string> files;
     for (const auto& e : std::filesystem::directory_iterator(dir))
@@ -566,26 +591,16 @@ std::vector<Scenario> loadScenarios(const std::string& dir) {
     return out;
 }
 
-void resetRuntime() {
-    [[maybe_unused]] static const auto previous =
-        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& m) { rt().log << m; });
-    Runtime& r = rt();
-    driver.rcpVarList.clear(), driver.rcpBlockList.clear(), driver.rcpFirstIndex.clear();
-    driver.rcpFrameIndex = 0;
-    std::memset(r.shm, 0, sizeof r.shm);
-    std::memset(r.recipe, 0, sizeof r.recipe);
-    r.plc.clear();
-    initDriver("1#0#0#3#10");
-    intf_setAddrValueChangeCallBack(&record);
-    EXPECT_EQ(run(1, false, false), "hs");
-    r.calls.clear();
-    r.log.clear();
-}
-
-void runScenario(const Scenario& s) {
+// One test per scenario of the files in the program's KV_SCENARIOS directory.
+class ScenarioTest : public ::testing::TestWithParam<Scenario> {};
+TEST_P(ScenarioTest, Runs) {
     resetRuntime();
-    for (const auto& [number, line] : s.steps) {
-        step(s.where.substr(0, s.where.find(':')) + ":" + n(number), line);
-        if (::testing::Test::HasFailure()) return;
+    for (const auto& [number, line] : GetParam().steps) {
+        step(GetParam().where.substr(0, GetParam().where.find(':')) + ":" + n(number), line);
+        if (HasFailure()) return;
     }
 }
+INSTANTIATE_TEST_SUITE_P(Files, ScenarioTest, ::testing::ValuesIn(loadScenarios(KV_SCENARIOS)),
+                         [](const auto& info) { return info.param.name; });
+
+}  // namespace

@@ -224,5 +224,3 @@ TEST(Properties, RecipeTransfersMoveEveryEntryAndNothingElse) {
 }
 
 }  // namespace
-
-KV_SCENARIO_TESTS(KV_SCENARIOS);
