@@ -297,7 +297,6 @@ std::string call(const Args& a) {
     const Key k = a.w.size() > 1 ? a.key(1) : Key();
     int address = 777, result = 0;  // the caller's integer before a call that sets it
     QString parameter, page;
-    // Runtime.
     if (v == "init" && a.is(1, "-"))
         return n(intf_initProperty(nullptr, nullptr, nullptr, nullptr, nullptr, &r.shareMutex));
     if (v == "init") {
@@ -309,9 +308,8 @@ std::string call(const Args& a) {
     if (v == "info") {
         intf_getProtocolType(&result);
         intf_getDriverParameter(parameter), intf_getDriverPropertyPage(page);
-        return QStringList{parameter, intf_getVersion(), page, QString::number(result)}
-            .join(' ')
-            .toStdString();
+        const QStringList parts{parameter, intf_getVersion(), page, QString::number(result)};
+        return parts.join(' ').toStdString();
     }
     if (v == "callback") {
         if (a.w.size() > 2) r.callbackKey = keyAddress(a.key(2));
@@ -383,20 +381,17 @@ std::string call(const Args& a) {
     if (v == "driver")
         return n(driver.state) + " " + n(driver.retryCount) + " " + n(driver.commError) + " " +
                n(driver.sendCount) + " " + n(driver.handShakeFlag) + " " + n(driver.rcpFrameIndex);
-    // Loop.
     if (v == "send") return intf_getSendFrame(&r.frame) ? frameText(r.frame) : "-";
     if (v == "held") return bookText(r.frame);
     if (v == "reply") {
         const bool sim = a.w[1].rfind("sim", 0) == 0;
-        const Bytes b = sim || a.is(1, "-") ? Bytes() : a.bytes(1);
-        QByteArray reply = sim ? simAnswer(r.frame) : qbytes(b);
+        QByteArray reply = sim ? simAnswer(r.frame) : qbytes(a.is(1, "-") ? Bytes() : a.bytes(1));
         if (a.w[1].rfind("sim:", 0) == 0) reply = reply.left(std::stoi(a.w[1].substr(4)));
         QString message;
         result = a.is(1, "null") ? intf_dealRcvFrame(nullptr, nullptr) : intf_dealRcvFrame(&reply, &message);
         return n(result) + " " + message.toStdString();
     }
     if (v == "run") return run(a.i(1), a.is(2, "bad"), a.is(2, "msg"));
-    // Controller.
     if (v == "plc") {
         Texts out;
         for (int u = 0; u < (a.w.size() > 2 ? int(a.w.size()) - 2 : k.length); ++u) {
@@ -409,7 +404,6 @@ std::string call(const Args& a) {
         }
         return join(out);
     }
-    // Internals.
     if (v == "readframe") result = a.w.size() == 1 ? getReadFrame({}) : getReadFrame({variable(k)});
     if (v == "readframe") return n(result) + " " + frames();
     if (v == "writeframe") {
