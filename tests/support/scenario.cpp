@@ -99,19 +99,11 @@ struct Key {
     QString reg;
 };
 Key parseKey(const std::string& t) {
-    Key k;
-    const size_t colon = t.find(':'), from = colon == std::string::npos ? 0 : colon + 1;
-    if (from) k.station = int(std::strtol(t.c_str(), nullptr, 10));
-    size_t i = from;
-    while (i < t.size() && !std::isdigit(static_cast<unsigned char>(t[i])) && t[i] != '-') ++i;
-    k.reg = QString::fromStdString(t.substr(from, i - from));
-    char* end = nullptr;
-    k.address = int(std::strtol(t.c_str() + i, &end, 10));
-    while (*end) {
-        const char c = *end++;
-        (c == 'x' ? k.length : c == '+' ? k.offset : k.id) = int(std::strtol(end, &end, 10));
-    }
-    return k;
+    static const std::regex form(R"((?:(-?\d+):)?(\D*?)(-?\d+)?(?:x(-?\d+))?(?:\+(-?\d+))?(?:#(-?\d+))?)");
+    std::smatch m;
+    std::regex_match(t, m, form);
+    const auto part = [&](int i, int otherwise) { return m[i].length() ? std::stoi(m[i]) : otherwise; };
+    return {part(1, 1), part(3, 0), part(4, 1), part(5, 0), part(6, 0), QString::fromStdString(m[2])};
 }
 std::string unitText(int station, const QString& reg, long long address) {
     return (station == 1 ? "" : n(station) + ":") + reg.toStdString() + n(address);
