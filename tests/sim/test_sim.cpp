@@ -72,10 +72,9 @@ const bool verbs = [] {
         std::string out;
         for (size_t from = 2, to; from <= w.size(); from = to + 1) {
             to = std::find(w.begin() + long(from), w.end(), "|") - w.begin();
-            const Bytes b = bytesOf(Words(w.begin() + long(from), w.begin() + long(to)), 0);
-            for (size_t i = 0; i < b.size(); i += std::stoul(w[1]))
-                for (const Bytes& f :
-                     parser.feed(b.data() + i, std::min<size_t>(std::stoul(w[1]), b.size() - i)))
+            const Bytes b = bytesOf(Words(w.begin() + long(from), w.begin() + long(to)));
+            for (size_t i = 0, n = std::stoul(w[1]); i < b.size(); i += n)
+                for (const Bytes& f : parser.feed(b.data() + i, std::min(n, b.size() - i)))
                     out += (out.empty() ? "" : " | ") + answerText(answer(f));
             if (to < w.size()) parser.expire();
         }

@@ -219,17 +219,16 @@ std::string callsText() {
     }
     return join(out);
 }
+void initDriver(const char* parameters) {
+    int status = -1;
+    intf_initProperty(rt().shm, nullptr, rt().recipe, &status, parameters, &rt().shareMutex);
+    EXPECT_EQ(status, 0);
+}
 // Change callbacks doing what a runtime may do from one.
 const std::map<std::string, ValueChangeCallBack> kCallbacks = {
     {"record", &record},
     {"none", nullptr},
-    {"reinit",
-     [](int, int, const QString&, int) {
-         static unsigned char shm[kvwire::SHM_MIN_SIZE];
-         static unsigned short recipe[16];
-         static QMutex mutex;
-         intf_initProperty(shm, nullptr, recipe, nullptr, "1#0#0#3#10", &mutex);
-     }},
+    {"reinit", [](int, int, const QString&, int) { initDriver("1#0#0#3#10"); }},
     {"readback",
      [](int context, int station, const QString& name, int address) {
          unsigned char b[2] = {0xEE, 0xEE};
@@ -251,11 +250,6 @@ const std::map<std::string, ValueChangeCallBack> kCallbacks = {
          if (name == "RWI") intf_setRcpAddress(none);
      }}};
 
-void initDriver(const char* parameters) {
-    int status = -1;
-    intf_initProperty(rt().shm, nullptr, rt().recipe, &status, parameters, &rt().shareMutex);
-    EXPECT_EQ(status, 0);
-}
 QByteArray qbytes(const Bytes& b) {
     return QByteArray(reinterpret_cast<const char*>(b.data()), int(b.size()));
 }
