@@ -1,26 +1,23 @@
 // The scenario runner and the driver's verbs. Notation of steps and outputs:
 //   unit, block  [station:]REG address [xLENGTH] [+recipeOffset] [#id], e.g. DM100x3, 2:R37, TC5x2#7
-//                (station 1 and length 1 by default; station and id printed when not 1 and 0)
+//                (station 1, length 1 by default; station and id printed when not 1 and 0)
 //   bytes        hex, NN*K is K bytes NN (so printed from 8 on), "ramp" 00 01 02 ..; words hex
 //   frame        its bytes (a long one: 17 first, ..count.., 2 last) | reply length, data offset,
 //                elements, block
 //   "" is an empty text; "verb A ; B" runs verb A and verb B; "repeat N FROM STEP" runs STEP with
 //   {i} = FROM .. FROM+N-1. An export's result that is not its documented 1 is printed first.
-// Runtime: init PARAMS|- (= parameters read) · info · callback record|none|reinit|readback|grow|
-//   cread KEY|norecipe · monitor KEYS (= read list) · write KEY [BYTES|null] (= write queue) · cread
-//   KEY [t=TYPE] (= condition reads) · recipe ENTRIES [p=ID] (= count: blocks | first entries) · get
-//   KEY [size=N] (+ bytes written past N) · request [W R] · rset OFF WORDS · rget OFF N · calls · log
-//   (since the last) · driver (= state retries commError sendCount handshake recipeBlock) · writes ·
-//   conds · reads · queue KEY [BYTES] · readlist KEYS (both appended as they are)
-// Loop: send (= frame) · held (= its book) · reply sim[:N]|BYTES|-|null (= result message) · run N
-//   [bad|msg] (per transaction its first frame's REGaddr or its message; hs, idle, !2 abandoned)
+// Runtime: init PARAMS|- · info · callback record|none|reinit|readback|grow|cread KEY|norecipe ·
+//   monitor KEYS · write KEY [BYTES|null] · cread KEY [t=TYPE] · recipe ENTRIES [p=ID] (= count:
+//   blocks | first entries) · get KEY [size=N] (+ bytes written past N) · request [W R] · rset OFF
+//   WORDS · rget OFF N · calls · log · driver (= state retries commError sendCount handshake
+//   recipeBlock) · writes · conds · reads · queue KEY [BYTES] · readlist KEYS (both appended as is)
+// Loop: send · held (= book) · reply sim[:N]|BYTES|-|null (= result message) · run N [bad|msg] (per
+//   transaction its first frame's REGaddr or its message; hs, idle, !2 abandoned)
 // Controller: plc KEY (= values) · plc UNIT WORDS (set from UNIT on)
-// Internals: readframe [KEY] · writeframe KEY BYTES · checksum BYTES · check HANDSHAKE REPLYLENGTH
-//   ELEMENTS BYTES|null N (= result handshake) · str2int REG TEXTS · a2i TEXT FORMAT REG · regindex
-//   NAMES · validity REG TEXT LEN WORD · checkaddr REG TEXT TYPE LEN MODE · multicopy REG START COUNT
-//   STEP [keep] · merge GAP KEYS · rmerge KEYS · judge GAP KEY KEY MODE · weight S REG ADDR · reglist
-//   TYPE [keep] · describe NAMES · parse KEY COUNT OFFSET BYTES · save KEY BYTES|null · settle KEY
-//   RESULT · mflag KEY · unit UNIT (= writeValid bitWriteFlags monitorFlags/Bits read write) · entries
+// Internals (arguments as call() passes them): readframe · writeframe · checksum · check (= result
+//   handshake) · str2int · a2i · regindex · validity · checkaddr · multicopy · merge · rmerge · judge ·
+//   weight · reglist · describe · parse · save · settle · mflag · unit (= writeValid bitWriteFlags
+//   monitorFlags/Bits read write) · entries
 #include "scenario.h"
 
 #include "kv3000_intf.h"

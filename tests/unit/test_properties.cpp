@@ -16,8 +16,8 @@
 namespace {
 
 TEST(Properties, EveryFrameIsWellFormed) {
-    for (int row = 0; row < REG_COUNT; ++row) {
-        for (int address : {0, 37, 0xFFFF, 0x10000, 0x0FFFFFFF, INT_MAX, -1, INT_MIN}) {
+    for (int row = 0; row < REG_COUNT; ++row)
+        for (int address : {0, 37, 0xFFFF, 0x10000, 0x0FFFFFFF, INT_MAX, -1, INT_MIN})
             for (int length :
                  {1, 2, 60, 61, 121, 122, 128, 512, 513, 1025, 0xFFFF, 0x10000, INT_MAX, 0, -1}) {
                 VARIABLE v;
@@ -28,19 +28,15 @@ TEST(Properties, EveryFrameIsWellFormed) {
                 for (const FRAME_PRO& f : driver.frameList) {
                     SCOPED_TRACE(std::string(REG_LIST[row]) + " " + std::to_string(address) + " x" +
                                  std::to_string(length));
-                    ASSERT_GE(f.sendLength, 13);
-                    ASSERT_LE(f.sendLength, KV_BUFFER_SIZE);
+                    ASSERT_TRUE(f.sendLength >= 13 && f.sendLength <= KV_BUFFER_SIZE) << f.sendLength;
                     unsigned sum = 0;
                     for (int i = 3; i < f.sendLength - 2; ++i) sum += f.frame[i];
                     EXPECT_EQ(f.frame[4] + 7, f.sendLength);
-                    EXPECT_EQ(f.frame[f.sendLength - 2],
-                              static_cast<unsigned char>(sum > 255 ? 0u - sum : sum));
+                    EXPECT_EQ(f.frame[f.sendLength - 2], uint8_t(sum > 255 ? 0u - sum : sum));
                     EXPECT_EQ(f.frame[f.sendLength - 1], kvwire::EOT);
                     EXPECT_GT(f.replyLength, 0);
                 }
             }
-        }
-    }
     driver.frameList.clear();
 }
 
