@@ -109,21 +109,14 @@ const bool verbs = [] {
     return true;
 }();
 
-TEST(Memory, EveryRegisterHoldsItsRangeAndNoMore) {
-    kvsim::Memory mem;
-    for (const kvsim::RegInfo& r : kvsim::registers()) {
-        EXPECT_TRUE(mem.set(r.name, r.max, 1)) << r.name;
-        EXPECT_EQ(mem.get(r.name, r.max), 1u) << r.name;
-        EXPECT_FALSE(mem.set(r.name, r.max + 1, 1)) << r.name;
-        EXPECT_FALSE(mem.get(r.name, r.max + 1).has_value()) << r.name;
-    }
-}
-
-// Every area answers reads of its first and last unit and of up to 1024 units, takes word writes
-// where it has words, and refuses what runs past its end.
+// Every register's memory holds its range and no more. Every area answers reads of its first and
+// last unit and of up to 1024 units, takes word writes where it has words, refuses what runs past.
 TEST(Answers, EveryAreaAcrossItsRange) {
     resetRuntime();
     for (const kvsim::RegInfo& r : kvsim::registers()) {
+        kvsim::Memory mem;
+        EXPECT_TRUE(mem.set(r.name, r.max, 1) && mem.get(r.name, r.max) == 1u) << r.name;
+        EXPECT_FALSE(mem.set(r.name, r.max + 1, 1) || mem.get(r.name, r.max + 1).has_value()) << r.name;
         const kvreg::Kind kind = r.traits.kind;
         if (kind == kvreg::Kind::BitInWord || kind == kvreg::Kind::Contact || r.name == "TS" ||
             r.name == "CS")
@@ -203,7 +196,7 @@ void expectNear(uint64_t got, double n, double p, const char* what) {
     EXPECT_NEAR(double(got), n * p, 5 * std::sqrt(n * p * (1 - p)) + 1) << what;
 }
 
-TEST(Faults, EachKindDoesWhatItSaysAtItsProbability) {
+TEST(Faults, EachKindAloneAndTogether) {
     kvsim::Memory zeros;
     const Bytes reply = kvsim::answer(zeros, kReadDM0x2.data(), kReadDM0x2.size());
     for (int k = 0; k < kvsim::FAULT_KINDS; ++k) {
@@ -225,9 +218,7 @@ TEST(Faults, EachKindDoesWhatItSaysAtItsProbability) {
                     !d.close);
     }
     EXPECT_TRUE(none.apply({}).writes.empty());
-}
-
-TEST(Faults, KindsTogetherKeepTheirOrderAndASeedRepeatsARun) {
+    // All kinds together keep their order; a seed repeats a run.
     kvsim::FaultSpec plan;
     for (double& p : plan.probability) p = 0.05;
     const kvsim::Stats s = runSession(plan, 99);
@@ -579,8 +570,9 @@ struct Process : QProcess {
         return state() == NotRunning && exitStatus() == NormalExit ? exitCode() : -1;
     }
 };
-// SIGINT, SIGTERM, "quit" and the end of its input stop it, each with its counters at the end.
-TEST(Binary, StopsOnSignalsQuitAndTheEndOfItsInput) {
+// SIGINT, SIGTERM, "quit" and the end of its input stop it, each with its counters at the end; its
+// help, and bad options refused with exit status 2.
+TEST(Binary, StopsHelpsAndRefusesBadOptions) {
     for (const char* how : {"SIGINT", "SIGTERM", "quit", "end"}) {
         Process p("--listen=127.0.0.1:0|--faults|delay=0.5:10|--seed|3|--live");
         const uint16_t port = p.port();
@@ -592,9 +584,6 @@ TEST(Binary, StopsOnSignalsQuitAndTheEndOfItsInput) {
         EXPECT_NE(p.rest().find("requests 1 handshakes 1 reads 0 "), std::string::npos) << how;
         EXPECT_EQ(p.wait(), 0) << how;
     }
-}
-
-TEST(Binary, HelpAndBadOptions) {
     Process help("--help");
     const std::string out = help.rest();
     EXPECT_EQ(help.wait(), 0);
