@@ -194,17 +194,13 @@ struct Runtime {
     FRAME_PRO frame;
     KEY_ADDRESS callbackKey;
     int grown = 0;
-};
-Runtime& rt() {
-    static Runtime r;
-    return r;
-}
+} rt;
 void record(int context, int station, const QString& name, int address) {
-    rt().calls.push_back({context, station, address, name, {}});
+    rt.calls.push_back({context, station, address, name, {}});
 }
 std::string callsText() {
     Texts out;
-    const std::vector<Call> c = std::exchange(rt().calls, {});
+    const std::vector<Call> c = std::exchange(rt.calls, {});
     for (size_t i = 0, run; i < c.size(); i += run) {
         for (run = 1; c[i].name == "RWI" && i + run < c.size() && c[i + run].name == "RWI" &&
                       c[i + run].address == c[i].address + int(run);)
@@ -218,7 +214,7 @@ std::string callsText() {
 }
 void initDriver(const char* parameters) {
     int status = -1;
-    intf_initProperty(rt().shm, nullptr, rt().recipe, &status, parameters, &rt().shareMutex);
+    intf_initProperty(rt.shm, nullptr, rt.recipe, &status, parameters, &rt.shareMutex);
     EXPECT_EQ(status, 0);
 }
 // Change callbacks doing what a runtime may do from one.
@@ -230,17 +226,17 @@ const std::map<std::string, ValueChangeCallBack> kCallbacks = {
      [](int context, int station, const QString& name, int address) {
          unsigned char b[2] = {0xEE, 0xEE};
          intf_getData(station, name, address, 1, b);
-         rt().calls.push_back({context, station, address, name, "=" + hexOf(b, 1) + hexOf(b + 1, 1)});
+         rt.calls.push_back({context, station, address, name, "=" + hexOf(b, 1) + hexOf(b + 1, 1)});
      }},
     {"grow",  // reads 64 units never read before
      [](int, int station, const QString&, int) {
          unsigned char b[128];
-         intf_getData(station, "DM", 30000 + 64 * rt().grown++, 64, b);
+         intf_getData(station, "DM", 30000 + 64 * rt.grown++, 64, b);
      }},
     {"cread",
      [](int context, int, const QString&, int) {
-         if (context == -1 && rt().callbackKey.length) intf_addConditionRead(rt().callbackKey, 8);
-         rt().callbackKey.length = 0;
+         if (context == -1 && rt.callbackKey.length) intf_addConditionRead(rt.callbackKey, 8);
+         rt.callbackKey.length = 0;
      }},
     {"norecipe", [](int, int, const QString& name, int) {
          QVector<_RCP_VAR_PRO> none;
@@ -251,7 +247,7 @@ QByteArray qbytes(const Bytes& b) {
     return QByteArray(reinterpret_cast<const char*>(b.data()), int(b.size()));
 }
 QByteArray simAnswer(const FRAME_PRO& f) {
-    return qbytes(kvsim::answer(rt().plc, f.frame, size_t(f.sendLength)));
+    return qbytes(kvsim::answer(rt.plc, f.frame, size_t(f.sendLength)));
 }
 // Whole transactions, the controller answering (or "?" for every reply with bad).
 std::string run(int transactions, bool bad, bool messages) {
@@ -276,12 +272,11 @@ std::string run(int transactions, bool bad, bool messages) {
 
 std::string call(const Args& a) {
     const std::string& v = a.w[0];
-    Runtime& r = rt();
     const Key k = a.w.size() > 1 ? a.key(1) : Key();
     int address = 777, result = 0;  // the caller's integer before a call that sets it
     QString parameter, page;
     if (v == "init" && a.is(1, "-"))
-        return n(intf_initProperty(nullptr, nullptr, nullptr, nullptr, nullptr, &r.shareMutex));
+        return n(intf_initProperty(nullptr, nullptr, nullptr, nullptr, nullptr, &rt.shareMutex));
     if (v == "init") {
         initDriver(a.w[1].c_str());
         return n(driver.protocolId) + " " + n(driver.localWriteOnly) + " " + n(driver.param3) + " " +
@@ -295,7 +290,7 @@ std::string call(const Args& a) {
         return parts.join(' ').toStdString();
     }
     if (v == "callback") {
-        if (a.w.size() > 2) r.callbackKey = keyAddress(a.key(2));
+        if (a.w.size() > 2) rt.callbackKey = keyAddress(a.key(2));
         return intf_setAddrValueChangeCallBack(kCallbacks.at(a.w[1])), "";
     }
     if (v == "monitor") {
@@ -350,25 +345,25 @@ std::string call(const Args& a) {
                (past ? " + " + hexOf(out.data() + size, 4096 - size) : "");
     }
     if (v == "request") {
-        std::lock_guard<QMutex> lock(r.shareMutex);
-        unsigned char* request = r.shm + kvwire::SHM_RECIPE_WRITE;
+        std::lock_guard<QMutex> lock(rt.shareMutex);
+        unsigned char* request = rt.shm + kvwire::SHM_RECIPE_WRITE;
         if (a.w.size() > 2) request[0] = uint8_t(a.i(1)), request[1] = uint8_t(a.i(2));
         return n(request[0]) + " " + n(request[1]);
     }
     for (size_t i = 2; v == "rset" && i < a.w.size(); ++i)
-        r.recipe[a.i(1) + int(i) - 2] = uint16_t(std::stoul(a.w[i], 0, 16));
+        rt.recipe[a.i(1) + int(i) - 2] = uint16_t(std::stoul(a.w[i], 0, 16));
     if (v == "rset") return "";
-    if (v == "rget") return words(r.recipe + a.i(1), a.i(2));
+    if (v == "rget") return words(rt.recipe + a.i(1), a.i(2));
     if (v == "calls") return callsText();
-    if (v == "log") return std::exchange(r.log, {}).join(" | ").toStdString();
+    if (v == "log") return std::exchange(rt.log, {}).join(" | ").toStdString();
     if (v == "driver")
         return n(driver.state) + " " + n(driver.retryCount) + " " + n(driver.commError) + " " +
                n(driver.sendCount) + " " + n(driver.handShakeFlag) + " " + n(driver.rcpFrameIndex);
-    if (v == "send") return intf_getSendFrame(&r.frame) ? frameText(r.frame) : "-";
-    if (v == "held") return bookText(r.frame);
+    if (v == "send") return intf_getSendFrame(&rt.frame) ? frameText(rt.frame) : "-";
+    if (v == "held") return bookText(rt.frame);
     if (v == "reply") {
         const bool sim = a.w[1].rfind("sim", 0) == 0;
-        QByteArray reply = sim ? simAnswer(r.frame) : qbytes(a.is(1, "-") ? Bytes() : a.bytes(1));
+        QByteArray reply = sim ? simAnswer(rt.frame) : qbytes(a.is(1, "-") ? Bytes() : a.bytes(1));
         if (a.w[1].rfind("sim:", 0) == 0) reply = reply.left(std::stoi(a.w[1].substr(4)));
         QString message;
         result = a.is(1, "null") ? intf_dealRcvFrame(nullptr, nullptr) : intf_dealRcvFrame(&reply, &message);
@@ -380,9 +375,9 @@ std::string call(const Args& a) {
         for (int u = 0; u < (a.w.size() > 2 ? int(a.w.size()) - 2 : k.length); ++u) {
             const std::string reg = k.reg.toStdString();
             if (a.w.size() > 2)
-                r.plc.set(reg, uint32_t(k.address + u), uint32_t(std::stoul(a.w[2 + u], 0, 16)));
+                rt.plc.set(reg, uint32_t(k.address + u), uint32_t(std::stoul(a.w[2 + u], 0, 16)));
             char b[16];
-            std::snprintf(b, sizeof b, "%x", r.plc.get(reg, uint32_t(k.address + u)).value_or(0xDEAD));
+            std::snprintf(b, sizeof b, "%x", rt.plc.get(reg, uint32_t(k.address + u)).value_or(0xDEAD));
             out.emplace_back(b);
         }
         return join(out);
@@ -513,28 +508,27 @@ void addVerb(const std::string& name, Verb verb) {
     extraVerbs()[name] = std::move(verb);
 }
 kvsim::Memory& controller() {
-    return rt().plc;
+    return rt.plc;
 }
 unsigned short* recipeBuffer() {
-    return rt().recipe;
+    return rt.recipe;
 }
 std::string perform(const std::string& line) {
     return perform(split(line));
 }
 void resetRuntime() {
     [[maybe_unused]] static const auto previous =
-        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& m) { rt().log << m; });
-    Runtime& r = rt();
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& m) { rt.log << m; });
     driver.rcpVarList.clear(), driver.rcpBlockList.clear(), driver.rcpFirstIndex.clear();
     driver.rcpFrameIndex = 0;
-    std::memset(r.shm, 0, sizeof r.shm);
-    std::memset(r.recipe, 0, sizeof r.recipe);
-    r.plc.clear();
+    std::memset(rt.shm, 0, sizeof rt.shm);
+    std::memset(rt.recipe, 0, sizeof rt.recipe);
+    rt.plc.clear();
     initDriver("1#0#0#3#10");
     intf_setAddrValueChangeCallBack(&record);
     EXPECT_EQ(run(1, false, false), "hs");
-    r.calls.clear();
-    r.log.clear();
+    rt.calls.clear();
+    rt.log.clear();
 }
 
 namespace {
