@@ -433,8 +433,9 @@ TEST(Links, PseudoTerminalLiveValuesAndWhereItListens) {
 }
 
 // Captures: records of the link read back as exchanges, refused files with the reason, a replay.
-struct TempFile {
+struct TempFile {  // and a capture w written to it
     std::string path = "/tmp/kv3000-capture-XXXXXX";
+    kvcapture::Writer w;
     TempFile() { ::close(mkstemp(path.data())); }
     ~TempFile() { std::remove(path.c_str()); }
 };
@@ -471,21 +472,19 @@ TEST(Capture, AcknowledgesAsTheyCameAndRecordsPairedAndReadBack) {
         EXPECT_EQ(parser.acks(), 0u);  // counted by whoever answers them
     }
     TempFile file;
-    kvcapture::Writer w;
-    std::string why;
-    ASSERT_TRUE(w.open(file.path, &why)) << why;
+    ASSERT_TRUE(file.w.open(file.path, nullptr));
     const auto t = std::chrono::system_clock::now();
     for (const auto& [dir, b] : std::vector<std::pair<int, Bytes>>{
              {0, kAck}, {0, kRead}, {1, hx("06 07")}, {0, kRead}, {1, {}}, {0, kRead}})
-        w.write(dir ? kvcapture::TO_HOST : kvcapture::TO_CONTROLLER, b.empty() ? nullptr : b.data(), b.size(),
-                t);
-    EXPECT_EQ(w.records(), 6u);
+        file.w.write(dir ? kvcapture::TO_HOST : kvcapture::TO_CONTROLLER, b.empty() ? nullptr : b.data(),
+                     b.size(), t);
+    EXPECT_EQ(file.w.records(), 6u);
     const std::string r = hex(kRead);
     std::string warning = "x";
     EXPECT_EQ(exchanges(file.path, &warning),  // readable while still open
               "1:06 | 2:" + r + "/3:06 07 | 4:" + r + "/5: | 6:" + r + " | ");
     EXPECT_EQ(warning, "");
-    w.close();
+    file.w.close();
     std::filesystem::resize_file(file.path, std::filesystem::file_size(file.path) - 3);
     EXPECT_EQ(exchanges(file.path, &warning), "1:06 | 2:" + r + "/3:06 07 | 4:" + r + "/5: | ");
     EXPECT_NE(warning.find("ends inside record 6"), std::string::npos) << warning;
@@ -535,20 +534,18 @@ TEST(Capture, ReplayAndSessionsThatRecord) {
     EXPECT_EQ(replay.fromMemory(), 1u);
 
     TempFile file;
-    kvcapture::Writer w;
-    std::string why;
-    ASSERT_TRUE(w.open(file.path, &why)) << why;
+    ASSERT_TRUE(file.w.open(file.path, nullptr));
     kvsim::FaultInjector faults(only(kvsim::Fault::Drop, 1), 1);
     kvsim::Memory mem;
     kvsim::Counters counters;
     Bytes in = kAck;
     in.insert(in.end(), write.begin(), write.end());
     const kvsim::Delivery d =
-        kvsim::Session(mem, nullptr, &counters, kvsim::Tap{&w, &replay}).feed(in.data(), in.size());
+        kvsim::Session(mem, nullptr, &counters, kvsim::Tap{&file.w, &replay}).feed(in.data(), in.size());
     ASSERT_EQ(d.writes.size(), 1u);
     EXPECT_EQ(d.writes[0].bytes, refused);
     EXPECT_EQ(mem.get("DM", 100), 42u);
-    EXPECT_TRUE(kvsim::Session(mem, &faults, &counters, kvsim::Tap{&w, nullptr})
+    EXPECT_TRUE(kvsim::Session(mem, &faults, &counters, kvsim::Tap{&file.w, nullptr})
                     .feed(kRead.data(), kRead.size())
                     .writes.empty());
     EXPECT_EQ(counters.snapshot().acks, 1u);

@@ -336,13 +336,11 @@ std::string call(const Args& a) {
     if (v == "get") {
         const int natural = kvreg::traits(getIndexFromRegName(k.reg)).countsBits() ? k.length : 2 * k.length;
         const int size = std::clamp(a.w.size() > 2 ? std::stoi(a.w[2].substr(5)) : natural, 0, 4096);
-        Bytes out(4096, 0xEE);
-        result =
-            intf_getData(k.station, k.reg, k.address, k.length, a.is(2, "size=0") ? nullptr : out.data());
-        const bool past =
-            std::any_of(out.begin() + size, out.end(), [](unsigned char b) { return b != 0xEE; });
-        return unlessOne(result) + hexOf(out.data(), size) +
-               (past ? " + " + hexOf(out.data() + size, 4096 - size) : "");
+        Bytes b(4096, 0xEE);
+        result = intf_getData(k.station, k.reg, k.address, k.length, a.is(2, "size=0") ? nullptr : b.data());
+        const bool past = Bytes(b.begin() + size, b.end()) != Bytes(size_t(4096 - size), 0xEE);
+        return unlessOne(result) + hexOf(b.data(), size) +
+               (past ? " + " + hexOf(b.data() + size, 4096 - size) : "");
     }
     if (v == "request") {
         std::lock_guard<QMutex> lock(rt.shareMutex);
