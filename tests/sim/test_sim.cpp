@@ -328,8 +328,7 @@ TEST(Links, ScriptedHostOverTcpAndTheStatsItLeaves) {
             << step;
     }
     EXPECT_EQ(sim.memory().get("DM", 101), 0x5678u);
-    // An acknowledge counts as a lone one when the stream went quiet behind it, before the next
-    // request came: how many do depends on the machine's load.
+    // How many acknowledges count as lone ones (the stream quiet behind them) depends on the load.
     const std::string stats =
         std::regex_replace(kvsim::formatStats(sim.stats()), std::regex("acks [0-3] "), "");
     EXPECT_EQ(stats.substr(0, stats.find('\n')),

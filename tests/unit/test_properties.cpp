@@ -75,12 +75,11 @@ TEST(Properties, DataAreaIndexAgreesWithALinearScan) {
             driver.dataArea.append(e);
             continue;
         }
-        int expected = driver.dataArea.size();
-        for (int i = driver.dataArea.size() - 1; i >= 0; --i) {
-            const _DATA_& e = driver.dataArea[i];
-            if (e.station == station && e.address == address && e.regKey == key) expected = i;
-        }
-        ASSERT_EQ(getIndexOfDataArea(station, key, address, driver.dataArea), expected) << op;
+        const auto first = std::find_if(driver.dataArea.begin(), driver.dataArea.end(), [&](const _DATA_& e) {
+            return e.station == station && e.address == address && e.regKey == key;
+        });
+        ASSERT_EQ(getIndexOfDataArea(station, key, address, driver.dataArea), first - driver.dataArea.begin())
+            << op;
     }
 }
 
