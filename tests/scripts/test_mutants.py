@@ -1,6 +1,5 @@
 #!/usr/bin/env python3
-"""Which changes scripts/mutants.py finds in a line of C++, and that its
-sample depends on the seed alone."""
+"""Which changes scripts/mutants.py finds in a line of C++; its sample depends on the seed alone."""
 import sys
 import unittest
 from pathlib import Path
@@ -33,15 +32,11 @@ CASES = [
 ]
 
 
-def found(code):
-    return {f"{m.before} -> {m.after}" for m in mutants.Scanner("x.cpp", code).scan()}
-
-
 class Sites(unittest.TestCase):
     def test_cases(self):
         for code, expected in CASES:
             with self.subTest(code=code):
-                self.assertEqual(found(code), expected)
+                self.assertEqual({f"{m.before} -> {m.after}" for m in mutants.Scanner("x.cpp", code).scan()}, expected)
 
     def test_sample_depends_on_seed_only(self):
         cands = mutants.Scanner("x.cpp", " ".join(c for c, _ in CASES if not c.startswith("#"))).scan()

@@ -1,12 +1,11 @@
-// The simulator: its core, console and fault lists as scenarios (tests/sim/*.txt, verbs below),
-// its memory, areas, faults and stream parser; on its links a scripted host over TCP and the
-// pseudo-terminal, clients that misbehave, faults on the wire, captures and their replay; and the
-// built kv3000-sim with its options, console and signals.
+// The simulator: core, console and fault lists as scenarios (sim/*.txt); memory, areas, faults, stream
+// parser; its links (TCP, pseudo-terminal, misbehaving clients, wire faults); captures; kv3000-sim.
 #include "capture_file.h"
 #include "kv3000_sim.h"
 #include "scenario.h"
 
 #include <pcap/pcap.h>
+#include <QProcess>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -15,7 +14,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -25,7 +23,6 @@
 #include <memory>
 #include <random>
 #include <regex>
-#include <sstream>
 #include <thread>
 #include <utility>
 
@@ -35,10 +32,7 @@ using Bytes = std::vector<uint8_t>;
 using Clock = std::chrono::steady_clock;
 
 Bytes hx(const std::string& text) {
-    std::istringstream in(text);
-    Words w;
-    for (std::string t; in >> t;) w.push_back(t);
-    return bytesOf(w, 0);
+    return bytesOf(split(text));
 }
 // 06 01 00 FF L <command> check 04
 Bytes request(const Bytes& command) {
@@ -78,10 +72,9 @@ const bool verbs = [] {
         std::string out;
         for (size_t from = 2, to; from <= w.size(); from = to + 1) {
             to = std::find(w.begin() + long(from), w.end(), "|") - w.begin();
-            const Bytes b = bytesOf(Words(w.begin() + long(from), w.begin() + long(to)), 0);
-            for (size_t i = 0; i < b.size(); i += std::stoul(w[1]))
-                for (const Bytes& f :
-                     parser.feed(b.data() + i, std::min<size_t>(std::stoul(w[1]), b.size() - i)))
+            const Bytes b = bytesOf(Words(w.begin() + long(from), w.begin() + long(to)));
+            for (size_t i = 0, n = std::stoul(w[1]); i < b.size(); i += n)
+                for (const Bytes& f : parser.feed(b.data() + i, std::min(n, b.size() - i)))
                     out += (out.empty() ? "" : " | ") + answerText(answer(f));
             if (to < w.size()) parser.expire();
         }
@@ -116,23 +109,14 @@ const bool verbs = [] {
     return true;
 }();
 
-KV_SCENARIO_TESTS(KV_SCENARIOS);
-
-TEST(Memory, EveryRegisterHoldsItsRangeAndNoMore) {
-    kvsim::Memory mem;
-    for (const kvsim::RegInfo& r : kvsim::registers()) {
-        EXPECT_TRUE(mem.set(r.name, r.max, 1)) << r.name;
-        EXPECT_EQ(mem.get(r.name, r.max), 1u) << r.name;
-        EXPECT_FALSE(mem.set(r.name, r.max + 1, 1)) << r.name;
-        EXPECT_FALSE(mem.get(r.name, r.max + 1).has_value()) << r.name;
-    }
-}
-
-// Every area answers reads of its first and last unit and of up to 1024 units, takes word writes
-// where it has words, and refuses what runs past its end.
+// Every register's memory holds its range and no more. Every area answers reads of its first and
+// last unit and of up to 1024 units, takes word writes where it has words, refuses what runs past.
 TEST(Answers, EveryAreaAcrossItsRange) {
     resetRuntime();
     for (const kvsim::RegInfo& r : kvsim::registers()) {
+        kvsim::Memory mem;
+        EXPECT_TRUE(mem.set(r.name, r.max, 1) && mem.get(r.name, r.max) == 1u) << r.name;
+        EXPECT_FALSE(mem.set(r.name, r.max + 1, 1) || mem.get(r.name, r.max + 1).has_value()) << r.name;
         const kvreg::Kind kind = r.traits.kind;
         if (kind == kvreg::Kind::BitInWord || kind == kvreg::Kind::Contact || r.name == "TS" ||
             r.name == "CS")
@@ -212,7 +196,7 @@ void expectNear(uint64_t got, double n, double p, const char* what) {
     EXPECT_NEAR(double(got), n * p, 5 * std::sqrt(n * p * (1 - p)) + 1) << what;
 }
 
-TEST(Faults, EachKindDoesWhatItSaysAtItsProbability) {
+TEST(Faults, EachKindAloneAndTogether) {
     kvsim::Memory zeros;
     const Bytes reply = kvsim::answer(zeros, kReadDM0x2.data(), kReadDM0x2.size());
     for (int k = 0; k < kvsim::FAULT_KINDS; ++k) {
@@ -234,9 +218,7 @@ TEST(Faults, EachKindDoesWhatItSaysAtItsProbability) {
                     !d.close);
     }
     EXPECT_TRUE(none.apply({}).writes.empty());
-}
-
-TEST(Faults, KindsTogetherKeepTheirOrderAndASeedRepeatsARun) {
+    // All kinds together keep their order; a seed repeats a run.
     kvsim::FaultSpec plan;
     for (double& p : plan.probability) p = 0.05;
     const kvsim::Stats s = runSession(plan, 99);
@@ -346,8 +328,7 @@ TEST(Links, ScriptedHostOverTcpAndTheStatsItLeaves) {
             << step;
     }
     EXPECT_EQ(sim.memory().get("DM", 101), 0x5678u);
-    // An acknowledge counts as a lone one when the stream went quiet behind it, before the next
-    // request came: how many do depends on the machine's load.
+    // How many acknowledges count as lone ones (the stream quiet behind them) depends on the load.
     const std::string stats =
         std::regex_replace(kvsim::formatStats(sim.stats()), std::regex("acks [0-3] "), "");
     EXPECT_EQ(stats.substr(0, stats.find('\n')),
@@ -451,8 +432,9 @@ TEST(Links, PseudoTerminalLiveValuesAndWhereItListens) {
 }
 
 // Captures: records of the link read back as exchanges, refused files with the reason, a replay.
-struct TempFile {
+struct TempFile {  // and a capture w written to it
     std::string path = "/tmp/kv3000-capture-XXXXXX";
+    kvcapture::Writer w;
     TempFile() { ::close(mkstemp(path.data())); }
     ~TempFile() { std::remove(path.c_str()); }
 };
@@ -489,21 +471,19 @@ TEST(Capture, AcknowledgesAsTheyCameAndRecordsPairedAndReadBack) {
         EXPECT_EQ(parser.acks(), 0u);  // counted by whoever answers them
     }
     TempFile file;
-    kvcapture::Writer w;
-    std::string why;
-    ASSERT_TRUE(w.open(file.path, &why)) << why;
+    ASSERT_TRUE(file.w.open(file.path, nullptr));
     const auto t = std::chrono::system_clock::now();
     for (const auto& [dir, b] : std::vector<std::pair<int, Bytes>>{
              {0, kAck}, {0, kRead}, {1, hx("06 07")}, {0, kRead}, {1, {}}, {0, kRead}})
-        w.write(dir ? kvcapture::TO_HOST : kvcapture::TO_CONTROLLER, b.empty() ? nullptr : b.data(), b.size(),
-                t);
-    EXPECT_EQ(w.records(), 6u);
+        file.w.write(dir ? kvcapture::TO_HOST : kvcapture::TO_CONTROLLER, b.empty() ? nullptr : b.data(),
+                     b.size(), t);
+    EXPECT_EQ(file.w.records(), 6u);
     const std::string r = hex(kRead);
     std::string warning = "x";
     EXPECT_EQ(exchanges(file.path, &warning),  // readable while still open
               "1:06 | 2:" + r + "/3:06 07 | 4:" + r + "/5: | 6:" + r + " | ");
     EXPECT_EQ(warning, "");
-    w.close();
+    file.w.close();
     std::filesystem::resize_file(file.path, std::filesystem::file_size(file.path) - 3);
     EXPECT_EQ(exchanges(file.path, &warning), "1:06 | 2:" + r + "/3:06 07 | 4:" + r + "/5: | ");
     EXPECT_NE(warning.find("ends inside record 6"), std::string::npos) << warning;
@@ -553,20 +533,18 @@ TEST(Capture, ReplayAndSessionsThatRecord) {
     EXPECT_EQ(replay.fromMemory(), 1u);
 
     TempFile file;
-    kvcapture::Writer w;
-    std::string why;
-    ASSERT_TRUE(w.open(file.path, &why)) << why;
+    ASSERT_TRUE(file.w.open(file.path, nullptr));
     kvsim::FaultInjector faults(only(kvsim::Fault::Drop, 1), 1);
     kvsim::Memory mem;
     kvsim::Counters counters;
     Bytes in = kAck;
     in.insert(in.end(), write.begin(), write.end());
     const kvsim::Delivery d =
-        kvsim::Session(mem, nullptr, &counters, kvsim::Tap{&w, &replay}).feed(in.data(), in.size());
+        kvsim::Session(mem, nullptr, &counters, kvsim::Tap{&file.w, &replay}).feed(in.data(), in.size());
     ASSERT_EQ(d.writes.size(), 1u);
     EXPECT_EQ(d.writes[0].bytes, refused);
     EXPECT_EQ(mem.get("DM", 100), 42u);
-    EXPECT_TRUE(kvsim::Session(mem, &faults, &counters, kvsim::Tap{&w, nullptr})
+    EXPECT_TRUE(kvsim::Session(mem, &faults, &counters, kvsim::Tap{&file.w, nullptr})
                     .feed(kRead.data(), kRead.size())
                     .writes.empty());
     EXPECT_EQ(counters.snapshot().acks, 1u);
@@ -574,67 +552,34 @@ TEST(Capture, ReplayAndSessionsThatRecord) {
               "1:06 | 2:" + hex(write) + "/3:" + hex(refused) + " | 4:" + hex(kRead) + "/5: | ");
 }
 
-// The built simulator with pipes on its stdin and stdout, its arguments separated by "|".
-struct Process {
-    explicit Process(const std::string& args) {
-        std::vector<std::string> a{KV3000_SIM_BINARY};
-        for (size_t from = 0, to; from <= args.size(); from = to + 1)
-            a.push_back(args.substr(from, (to = std::min(args.find('|', from), args.size())) - from));
-        std::vector<char*> argv;
-        for (auto& x : a) argv.push_back(x.data());
-        argv.push_back(nullptr);
-        int in[2], out[2];
-        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-        if ((pid = fork()) == 0) {
-            dup2(in[0], STDIN_FILENO), dup2(out[1], STDOUT_FILENO);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        ::close(in[0]), ::close(out[1]);
-        stdinFd = in[1], stdoutFd = out[0];
-    }
-    ~Process() {
-        ::close(stdinFd), ::close(stdoutFd);
-        if (pid > 0 && wait() < 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
-    }
-    std::string rest() {
-        std::string all;
-        for (Bytes b; !(b = readFd(stdoutFd, 4096, 3000)).empty();) all.append(b.begin(), b.end());
-        return all;
-    }
+// The built simulator, its arguments separated by "|".
+struct Process : QProcess {
+    explicit Process(const QString& args) { start(KV3000_SIM_BINARY, args.split('|')), waitForStarted(); }
+    std::string rest() { return waitForFinished(3000), readAllStandardOutput().toStdString(); }
     uint16_t port() {  // from its first line, "listening on 127.0.0.1:PORT"
-        std::string l;
-        for (Bytes b; (b = readFd(stdoutFd, 1, 3000)).size() == 1 && b[0] != '\n';) l += char(b[0]);
+        while (!canReadLine() && waitForReadyRead(3000)) continue;
+        const std::string l = readLine().toStdString();
         return l.rfind("listening on 127.0.0.1:", 0) == 0 ? uint16_t(std::stoi(l.substr(23))) : 0;
     }
     int wait() {  // the exit status, -1 when it did not end in 3 s
-        for (int waited = 0, status = 0; waited < 3000 && pid > 0; waited += 10) {
-            if (waitpid(pid, &status, WNOHANG) == pid)
-                return pid = -1, WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return -1;
+        waitForFinished(3000);
+        return state() == NotRunning && exitStatus() == NormalExit ? exitCode() : -1;
     }
-    pid_t pid = -1;
-    int stdinFd = -1, stdoutFd = -1;
 };
-
-// SIGINT, SIGTERM, "quit" and the end of its input stop it, each with its counters at the end.
-TEST(Binary, StopsOnSignalsQuitAndTheEndOfItsInput) {
+// SIGINT, SIGTERM, "quit" and the end of its input stop it, each with its counters at the end; its
+// help, and bad options refused with exit status 2.
+TEST(Binary, StopsHelpsAndRefusesBadOptions) {
     for (const char* how : {"SIGINT", "SIGTERM", "quit", "end"}) {
         Process p("--listen=127.0.0.1:0|--faults|delay=0.5:10|--seed|3|--live");
         const uint16_t port = p.port();
         ASSERT_NE(port, 0);
         EXPECT_TRUE(good(Client(port).transact(kHandshake1, 9), 9));
-        if (how[0] == 'S') kill(p.pid, how[4] == 'N' ? SIGINT : SIGTERM);
-        if (how[0] == 'q') writeAll(p.stdinFd, Bytes{'q', 'u', 'i', 't', '\n'});
-        if (how[0] == 'e') ::close(std::exchange(p.stdinFd, -1));
+        if (how[0] == 'S') kill(pid_t(p.processId()), how[4] == 'N' ? SIGINT : SIGTERM);
+        if (how[0] == 'q') p.write("quit\n");
+        if (how[0] == 'e') p.closeWriteChannel();
         EXPECT_NE(p.rest().find("requests 1 handshakes 1 reads 0 "), std::string::npos) << how;
         EXPECT_EQ(p.wait(), 0) << how;
     }
-}
-
-TEST(Binary, HelpAndBadOptions) {
     Process help("--help");
     const std::string out = help.rest();
     EXPECT_EQ(help.wait(), 0);

@@ -1,26 +1,23 @@
 // The scenario runner and the driver's verbs. Notation of steps and outputs:
 //   unit, block  [station:]REG address [xLENGTH] [+recipeOffset] [#id], e.g. DM100x3, 2:R37, TC5x2#7
-//                (station 1 and length 1 by default; station and id printed when not 1 and 0)
+//                (station 1, length 1 by default; station and id printed when not 1 and 0)
 //   bytes        hex, NN*K is K bytes NN (so printed from 8 on), "ramp" 00 01 02 ..; words hex
 //   frame        its bytes (a long one: 17 first, ..count.., 2 last) | reply length, data offset,
 //                elements, block
 //   "" is an empty text; "verb A ; B" runs verb A and verb B; "repeat N FROM STEP" runs STEP with
 //   {i} = FROM .. FROM+N-1. An export's result that is not its documented 1 is printed first.
-// Runtime: init PARAMS|- (= parameters read) · info · callback record|none|reinit|readback|grow|
-//   cread KEY|norecipe · monitor KEYS (= read list) · write KEY [BYTES|null] (= write queue) · cread
-//   KEY [t=TYPE] (= condition reads) · recipe ENTRIES [p=ID] (= count: blocks | first entries) · get
-//   KEY [size=N] (+ bytes written past N) · request [W R] · rset OFF WORDS · rget OFF N · calls · log
-//   (since the last) · driver (= state retries commError sendCount handshake recipeBlock) · writes ·
-//   conds · reads · queue KEY [BYTES] · readlist KEYS (both appended as they are)
-// Loop: send (= frame) · held (= its book) · reply sim[:N]|BYTES|-|null (= result message) · run N
-//   [bad|msg] (per transaction its first frame's REGaddr or its message; hs, idle, !2 abandoned)
+// Runtime: init PARAMS|- · info · callback record|none|reinit|readback|grow|cread KEY|norecipe ·
+//   monitor KEYS · write KEY [BYTES|null] · cread KEY [t=TYPE] · recipe ENTRIES [p=ID] (= count:
+//   blocks | first entries) · get KEY [size=N] (+ bytes written past N) · request [W R] · rset OFF
+//   WORDS · rget OFF N · calls · log · driver (= state retries commError sendCount handshake
+//   recipeBlock) · writes · conds · reads · queue KEY [BYTES] · readlist KEYS (both appended as is)
+// Loop: send · held (= book) · reply sim[:N]|BYTES|-|null (= result message) · run N [bad|msg] (per
+//   transaction its first frame's REGaddr or its message; hs, idle, !2 abandoned)
 // Controller: plc KEY (= values) · plc UNIT WORDS (set from UNIT on)
-// Internals: readframe [KEY] · writeframe KEY BYTES · checksum BYTES · check HANDSHAKE REPLYLENGTH
-//   ELEMENTS BYTES|null N (= result handshake) · str2int REG TEXTS · a2i TEXT FORMAT REG · regindex
-//   NAMES · validity REG TEXT LEN WORD · checkaddr REG TEXT TYPE LEN MODE · multicopy REG START COUNT
-//   STEP [keep] · merge GAP KEYS · rmerge KEYS · judge GAP KEY KEY MODE · weight S REG ADDR · reglist
-//   TYPE [keep] · describe NAMES · parse KEY COUNT OFFSET BYTES · save KEY BYTES|null · settle KEY
-//   RESULT · mflag KEY · unit UNIT (= writeValid bitWriteFlags monitorFlags/Bits read write) · entries
+// Internals (arguments as call() passes them): readframe · writeframe · checksum · check (= result
+//   handshake) · str2int · a2i · regindex · validity · checkaddr · multicopy · merge · rmerge · judge ·
+//   weight · reglist · describe · parse · save · settle · mflag · unit (= writeValid bitWriteFlags
+//   monitorFlags/Bits read write) · entries
 #include "scenario.h"
 
 #include "kv3000_intf.h"
@@ -38,14 +35,44 @@
 #include "sim_protocol.h"
 
 #include <QMutex>
-#include <QMutexLocker>
 
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <regex>
+#include <set>
 #include <sstream>
+
+std::vector<unsigned char> bytesOf(const Words& w, size_t from) {
+    std::vector<unsigned char> out;
+    for (size_t k = from; k < w.size(); ++k) {
+        const size_t star = w[k].find('*');
+        for (int b = 0; w[k] == "ramp" && b < 2048; ++b) out.push_back(static_cast<unsigned char>(b));
+        if (w[k] != "ramp" && w[k] != "null")
+            out.insert(out.end(), star == std::string::npos ? 1 : std::stoul(w[k].substr(star + 1)),
+                       static_cast<unsigned char>(std::stoul(w[k].substr(0, star), nullptr, 16)));
+    }
+    return out;
+}
+std::string hexOf(const unsigned char* p, long long count) {
+    std::string out;
+    char b[24];
+    for (long long i = 0, run; i < count; i += run) {
+        for (run = 1; i + run < count && p[i + run] == p[i];) ++run;
+        if (run < 8) run = 1;
+        std::snprintf(b, sizeof b, run > 1 ? " %02X*%lld" : " %02X", p[i], run);
+        out += b;
+    }
+    return out.empty() ? out : out.substr(1);
+}
+Words split(const std::string& text) {
+    std::istringstream in(text);
+    Words out;
+    for (std::string p; in >> p;) out.push_back(p);
+    return out;
+}
 
 namespace {
 
@@ -69,25 +96,25 @@ struct Key {
     QString reg;
 };
 Key parseKey(const std::string& t) {
-    Key k;
-    const size_t colon = t.find(':'), from = colon == std::string::npos ? 0 : colon + 1;
-    if (from) k.station = std::stoi(t.substr(0, colon));
-    size_t i = from;
-    while (i < t.size() && !std::isdigit(static_cast<unsigned char>(t[i])) && t[i] != '-') ++i;
-    k.reg = QString::fromStdString(t.substr(from, i - from));
-    char* end = nullptr;
-    k.address = int(std::strtol(t.c_str() + i, &end, 10));
-    while (*end) {
-        const char c = *end++;
-        (c == 'x' ? k.length : c == '+' ? k.offset : k.id) = int(std::strtol(end, &end, 10));
-    }
-    return k;
+    static const std::regex form(R"((?:(-?\d+):)?(\D*?)(-?\d+)?(?:x(-?\d+))?(?:\+(-?\d+))?(?:#(-?\d+))?)");
+    std::smatch m;
+    std::regex_match(t, m, form);
+    const auto part = [&](int i, int otherwise) { return m[i].length() ? std::stoi(m[i]) : otherwise; };
+    return {part(1, 1), part(3, 0), part(4, 1), part(5, 0), part(6, 0), QString::fromStdString(m[2])};
 }
 std::string unitText(int station, const QString& reg, long long address) {
     return (station == 1 ? "" : n(station) + ":") + reg.toStdString() + n(address);
 }
 std::string keyText(int station, const QString& reg, long long address, long long length, int id = 0) {
     return unitText(station, reg, address) + "x" + n(length) + (id ? "#" + n(id) : "");
+}
+
+KEY_ADDRESS keyAddress(const Key& k) {
+    KEY_ADDRESS a;
+    a.station = k.station, a.reg = k.reg, a.address = k.address, a.length = k.length;
+    a.recipeOffset = k.offset;
+    a.dataType = kvreg::traits(getIndexFromRegName(k.reg)).countsBits() ? -1 : 0;
+    return a;
 }
 
 // The words of one step, its verb first.
@@ -100,32 +127,16 @@ struct Args {
     Key key(size_t k) const { return parseKey(w.at(k)); }
     bool is(size_t k, const char* word) const { return k < w.size() && w[k] == word; }
     Bytes bytes(size_t from, size_t size = 0) const {
-        Bytes out;
-        for (size_t k = from; k < w.size(); ++k) {
-            const size_t star = w[k].find('*');
-            for (int b = 0; w[k] == "ramp" && b < 2048; ++b) out.push_back(static_cast<unsigned char>(b));
-            if (w[k] != "ramp" && w[k] != "null")
-                out.insert(out.end(), star == std::string::npos ? 1 : std::stoul(w[k].substr(star + 1)),
-                           static_cast<unsigned char>(std::stoul(w[k].substr(0, star), nullptr, 16)));
-        }
-        out.resize(std::max(out.size(), size));
+        Bytes out = bytesOf(w, from);
+        return out.resize(std::max(out.size(), size)), out;
+    }
+    QList<KEY_ADDRESS> keys(size_t from) const {
+        QList<KEY_ADDRESS> out;
+        for (size_t k = from; k < w.size(); ++k) out << keyAddress(key(k));
         return out;
     }
-    QList<KEY_ADDRESS> keys(size_t from) const;
 };
 
-KEY_ADDRESS keyAddress(const Key& k) {
-    KEY_ADDRESS a;
-    a.station = k.station, a.reg = k.reg, a.address = k.address, a.length = k.length;
-    a.recipeOffset = k.offset;
-    a.dataType = kvreg::traits(getIndexFromRegName(k.reg)).countsBits() ? -1 : 0;
-    return a;
-}
-QList<KEY_ADDRESS> Args::keys(size_t from) const {
-    QList<KEY_ADDRESS> out;
-    for (size_t k = from; k < w.size(); ++k) out << keyAddress(key(k));
-    return out;
-}
 VARIABLE variable(const Key& k, const Bytes& data = {}) {
     VARIABLE v;
     v.id = k.id, v.station = k.station, v.reg = k.reg, v.address = k.address, v.length = k.length;
@@ -144,17 +155,6 @@ std::string listText(const QList<VARIABLE>& list, bool ids = true) {
     }
     return join(out);
 }
-std::string hex(const unsigned char* p, long long count) {
-    Texts out;
-    char b[24];
-    for (long long i = 0, run; i < count; i += run) {
-        for (run = 1; i + run < count && p[i + run] == p[i];) ++run;
-        if (run < 8) run = 1;
-        std::snprintf(b, sizeof b, run > 1 ? "%02X*%lld" : "%02X", p[i], run);
-        out.emplace_back(b);
-    }
-    return join(out);
-}
 std::string words(const unsigned short* p, int count) {
     Texts out;
     char b[8];
@@ -167,21 +167,20 @@ std::string bookText(const FRAME_PRO& f) {
 }
 std::string frameText(const FRAME_PRO& f) {
     const int size = std::clamp(f.sendLength, 0, int(KV_BUFFER_SIZE));
-    if (size <= 40) return hex(f.frame, size);
-    return hex(f.frame, 17) + " .." + n(size - 19) + ".. " + hex(f.frame + size - 2, 2);
+    if (size <= 40) return hexOf(f.frame, size);
+    return hexOf(f.frame, 17) + " .." + n(size - 19) + ".. " + hexOf(f.frame + size - 2, 2);
 }
 // What the frame builders appended, which is then dropped.
 std::string frames() {
     Texts out;
-    for (const FRAME_PRO& f : driver.frameList) out.push_back(frameText(f) + " | " + bookText(f));
-    driver.frameList.clear();
+    for (const FRAME_PRO& f : std::exchange(driver.frameList, {}))
+        out.push_back(frameText(f) + " | " + bookText(f));
     return out.empty() ? "none" : join(out, " , ");
 }
 
 struct Call {
-    int context, station;
+    int context, station, address;
     QString name;
-    int address;
     std::string extra;
 };
 // The runtime's side: shared memory, recipe buffer, the controller, and what the driver said.
@@ -195,17 +194,13 @@ struct Runtime {
     FRAME_PRO frame;
     KEY_ADDRESS callbackKey;
     int grown = 0;
-};
-Runtime& rt() {
-    static Runtime r;
-    return r;
-}
+} rt;
 void record(int context, int station, const QString& name, int address) {
-    rt().calls.push_back({context, station, name, address, {}});
+    rt.calls.push_back({context, station, address, name, {}});
 }
 std::string callsText() {
     Texts out;
-    const std::vector<Call>& c = rt().calls;
+    const std::vector<Call> c = std::exchange(rt.calls, {});
     for (size_t i = 0, run; i < c.size(); i += run) {
         for (run = 1; c[i].name == "RWI" && i + run < c.size() && c[i + run].name == "RWI" &&
                       c[i + run].address == c[i].address + int(run);)
@@ -215,83 +210,73 @@ std::string callsText() {
                                            : unitText(c[i].station, c[i].name, c[i].address) + c[i].extra);
         if (run > 1) out.back() += "-" + n(c[i].address + int(run) - 1);
     }
-    rt().calls.clear();
     return join(out);
 }
-// Change callbacks that do what a runtime may do from one.
+void initDriver(const char* parameters) {
+    int status = -1;
+    intf_initProperty(rt.shm, nullptr, rt.recipe, &status, parameters, &rt.shareMutex);
+    EXPECT_EQ(status, 0);
+}
+// Change callbacks doing what a runtime may do from one.
 const std::map<std::string, ValueChangeCallBack> kCallbacks = {
     {"record", &record},
     {"none", nullptr},
-    {"reinit",
-     [](int, int, const QString&, int) {
-         static unsigned char shm[kvwire::SHM_MIN_SIZE];
-         static unsigned short recipe[16];
-         static QMutex mutex;
-         intf_initProperty(shm, nullptr, recipe, nullptr, "1#0#0#3#10", &mutex);
-     }},
+    {"reinit", [](int, int, const QString&, int) { initDriver("1#0#0#3#10"); }},
     {"readback",
      [](int context, int station, const QString& name, int address) {
          unsigned char b[2] = {0xEE, 0xEE};
          intf_getData(station, name, address, 1, b);
-         rt().calls.push_back({context, station, name, address, "=" + hex(b, 1) + hex(b + 1, 1)});
+         rt.calls.push_back({context, station, address, name, "=" + hexOf(b, 1) + hexOf(b + 1, 1)});
      }},
     {"grow",  // reads 64 units never read before
      [](int, int station, const QString&, int) {
          unsigned char b[128];
-         intf_getData(station, "DM", 30000 + 64 * rt().grown++, 64, b);
+         intf_getData(station, "DM", 30000 + 64 * rt.grown++, 64, b);
      }},
     {"cread",
      [](int context, int, const QString&, int) {
-         if (context == -1 && rt().callbackKey.length) intf_addConditionRead(rt().callbackKey, 8);
-         rt().callbackKey.length = 0;
+         if (context == -1 && rt.callbackKey.length) intf_addConditionRead(rt.callbackKey, 8);
+         rt.callbackKey.length = 0;
      }},
     {"norecipe", [](int, int, const QString& name, int) {
          QVector<_RCP_VAR_PRO> none;
          if (name == "RWI") intf_setRcpAddress(none);
      }}};
 
-void initDriver(const char* parameters) {
-    int status = -1;
-    intf_initProperty(rt().shm, nullptr, rt().recipe, &status, parameters, &rt().shareMutex);
-    EXPECT_EQ(status, 0);
+QByteArray qbytes(const Bytes& b) {
+    return QByteArray(reinterpret_cast<const char*>(b.data()), int(b.size()));
 }
 QByteArray simAnswer(const FRAME_PRO& f) {
-    const Bytes a = kvsim::answer(rt().plc, f.frame, size_t(f.sendLength));
-    return QByteArray(reinterpret_cast<const char*>(a.data()), int(a.size()));
+    return qbytes(kvsim::answer(rt.plc, f.frame, size_t(f.sendLength)));
 }
 // Whole transactions, the controller answering (or "?" for every reply with bad).
 std::string run(int transactions, bool bad, bool messages) {
     Texts out;
     for (int t = 0; t < transactions; ++t) {
         FRAME_PRO f;
-        if (!intf_getSendFrame(&f)) {
-            out.push_back("idle");
-            continue;
-        }
-        std::string label = driver.state == STATE_HANDSHAKE ? "hs" : unitText(f.station, f.reg, f.address);
+        const bool idle = !intf_getSendFrame(&f);
+        std::string label = idle                              ? "idle"
+                            : driver.state == STATE_HANDSHAKE ? "hs"
+                                                              : unitText(f.station, f.reg, f.address);
         QString message;
-        for (int guard = 0; guard < 100000; ++guard) {
+        for (int guard = 0; !idle && guard < 100000; ++guard) {
             QByteArray reply = bad ? QByteArray("?") : simAnswer(f);
             const int r = intf_dealRcvFrame(&reply, &message);
             if (r == KV_DEAL_ABANDONED) label += "!2";
             if (r == KV_DEAL_ABANDONED || driver.frameList.isEmpty() || !intf_getSendFrame(&f)) break;
         }
-        out.push_back(messages ? message.toStdString() : label);
+        out.push_back(messages && !idle ? message.toStdString() : label);
     }
     return join(out);
 }
 
 std::string call(const Args& a) {
     const std::string& v = a.w[0];
-    Runtime& r = rt();
-    static const Texts keyed = {"write",      "queue", "cread", "get",    "plc",   "readframe",
-                                "writeframe", "parse", "save",  "settle", "mflag", "unit"};
-    const Key k = a.w.size() > 1 && std::count(keyed.begin(), keyed.end(), v) ? a.key(1) : Key();
+    const Key k = a.w.size() > 1 ? a.key(1) : Key();
     int address = 777, result = 0;  // the caller's integer before a call that sets it
     QString parameter, page;
-    // Runtime.
     if (v == "init" && a.is(1, "-"))
-        return n(intf_initProperty(nullptr, nullptr, nullptr, nullptr, nullptr, &r.shareMutex));
+        return n(intf_initProperty(nullptr, nullptr, nullptr, nullptr, nullptr, &rt.shareMutex));
     if (v == "init") {
         initDriver(a.w[1].c_str());
         return n(driver.protocolId) + " " + n(driver.localWriteOnly) + " " + n(driver.param3) + " " +
@@ -301,13 +286,12 @@ std::string call(const Args& a) {
     if (v == "info") {
         intf_getProtocolType(&result);
         intf_getDriverParameter(parameter), intf_getDriverPropertyPage(page);
-        return (parameter + " " + intf_getVersion() + " " + page + " " + QString::number(result))
-            .toStdString();
+        const QStringList parts{parameter, intf_getVersion(), page, QString::number(result)};
+        return parts.join(' ').toStdString();
     }
     if (v == "callback") {
-        if (a.w.size() > 2) r.callbackKey = keyAddress(a.key(2));
-        intf_setAddrValueChangeCallBack(kCallbacks.at(a.w[1]));
-        return "";
+        if (a.w.size() > 2) rt.callbackKey = keyAddress(a.key(2));
+        return intf_setAddrValueChangeCallBack(kCallbacks.at(a.w[1])), "";
     }
     if (v == "monitor") {
         QList<KEY_ADDRESS> keys = a.keys(1);
@@ -319,9 +303,8 @@ std::string call(const Args& a) {
     }
     if (v == "write") {
         QString reg = k.reg;
-        Bytes data = a.bytes(2, 4096);
         result = intf_setData(k.station, reg == "null" ? nullptr : &reg, k.address, k.length,
-                              a.is(2, "null") ? nullptr : data.data(), k.id);
+                              a.is(2, "null") ? nullptr : a.bytes(2, 4096).data(), k.id);
     }
     if (v == "write" || v == "queue" || v == "writes") {
         std::lock_guard<std::mutex> lock(driver.mutex);
@@ -353,81 +336,62 @@ std::string call(const Args& a) {
     if (v == "get") {
         const int natural = kvreg::traits(getIndexFromRegName(k.reg)).countsBits() ? k.length : 2 * k.length;
         const int size = std::clamp(a.w.size() > 2 ? std::stoi(a.w[2].substr(5)) : natural, 0, 4096);
-        Bytes out(4096, 0xEE);
-        result =
-            intf_getData(k.station, k.reg, k.address, k.length, a.is(2, "size=0") ? nullptr : out.data());
-        const bool past =
-            std::any_of(out.begin() + size, out.end(), [](unsigned char b) { return b != 0xEE; });
-        return unlessOne(result) + hex(out.data(), size) +
-               (past ? " + " + hex(out.data() + size, 4096 - size) : "");
+        Bytes b(4096, 0xEE);
+        result = intf_getData(k.station, k.reg, k.address, k.length, a.is(2, "size=0") ? nullptr : b.data());
+        const bool past = Bytes(b.begin() + size, b.end()) != Bytes(size_t(4096 - size), 0xEE);
+        return unlessOne(result) + hexOf(b.data(), size) +
+               (past ? " + " + hexOf(b.data() + size, 4096 - size) : "");
     }
     if (v == "request") {
-        QMutexLocker lock(&r.shareMutex);
-        unsigned char* request = r.shm + kvwire::SHM_RECIPE_WRITE;
+        std::lock_guard<QMutex> lock(rt.shareMutex);
+        unsigned char* request = rt.shm + kvwire::SHM_RECIPE_WRITE;
         if (a.w.size() > 2) request[0] = uint8_t(a.i(1)), request[1] = uint8_t(a.i(2));
         return n(request[0]) + " " + n(request[1]);
     }
     for (size_t i = 2; v == "rset" && i < a.w.size(); ++i)
-        r.recipe[a.i(1) + int(i) - 2] = uint16_t(std::stoul(a.w[i], 0, 16));
+        rt.recipe[a.i(1) + int(i) - 2] = uint16_t(std::stoul(a.w[i], 0, 16));
     if (v == "rset") return "";
-    if (v == "rget") return words(r.recipe + a.i(1), a.i(2));
+    if (v == "rget") return words(rt.recipe + a.i(1), a.i(2));
     if (v == "calls") return callsText();
-    if (v == "log") {
-        const std::string out = r.log.join(" | ").toStdString();
-        r.log.clear();
-        return out;
-    }
+    if (v == "log") return std::exchange(rt.log, {}).join(" | ").toStdString();
     if (v == "driver")
         return n(driver.state) + " " + n(driver.retryCount) + " " + n(driver.commError) + " " +
                n(driver.sendCount) + " " + n(driver.handShakeFlag) + " " + n(driver.rcpFrameIndex);
-    // Loop.
-    if (v == "send") return intf_getSendFrame(&r.frame) ? frameText(r.frame) : "-";
-    if (v == "held") return bookText(r.frame);
+    if (v == "send") return intf_getSendFrame(&rt.frame) ? frameText(rt.frame) : "-";
+    if (v == "held") return bookText(rt.frame);
     if (v == "reply") {
         const bool sim = a.w[1].rfind("sim", 0) == 0;
-        const Bytes b = sim || a.is(1, "-") ? Bytes() : a.bytes(1);
-        QByteArray reply =
-            sim ? simAnswer(r.frame) : QByteArray(reinterpret_cast<const char*>(b.data()), int(b.size()));
+        QByteArray reply = sim ? simAnswer(rt.frame) : qbytes(a.is(1, "-") ? Bytes() : a.bytes(1));
         if (a.w[1].rfind("sim:", 0) == 0) reply = reply.left(std::stoi(a.w[1].substr(4)));
         QString message;
         result = a.is(1, "null") ? intf_dealRcvFrame(nullptr, nullptr) : intf_dealRcvFrame(&reply, &message);
         return n(result) + " " + message.toStdString();
     }
     if (v == "run") return run(a.i(1), a.is(2, "bad"), a.is(2, "msg"));
-    // Controller.
     if (v == "plc") {
         Texts out;
         for (int u = 0; u < (a.w.size() > 2 ? int(a.w.size()) - 2 : k.length); ++u) {
             const std::string reg = k.reg.toStdString();
             if (a.w.size() > 2)
-                r.plc.set(reg, uint32_t(k.address + u), uint32_t(std::stoul(a.w[2 + u], 0, 16)));
+                rt.plc.set(reg, uint32_t(k.address + u), uint32_t(std::stoul(a.w[2 + u], 0, 16)));
             char b[16];
-            std::snprintf(b, sizeof b, "%x", r.plc.get(reg, uint32_t(k.address + u)).value_or(0xDEAD));
+            std::snprintf(b, sizeof b, "%x", rt.plc.get(reg, uint32_t(k.address + u)).value_or(0xDEAD));
             out.emplace_back(b);
         }
         return join(out);
     }
-    // Internals.
-    if (v == "readframe") {
-        result = a.w.size() == 1 ? getReadFrame({}) : getReadFrame({variable(k)});
-        return n(result) + " " + frames();
-    }
+    if (v == "readframe") result = a.w.size() == 1 ? getReadFrame({}) : getReadFrame({variable(k)});
+    if (v == "readframe") return n(result) + " " + frames();
     if (v == "writeframe") {
         VARIABLE var = variable(k, a.bytes(2));
-        getWriteFrame(var);
-        return frames();
+        return getWriteFrame(var), frames();
     }
     if (v == "checksum") {
         Bytes b = a.bytes(1);
         const unsigned short sum = computate_check(b.empty() ? nullptr : b.data(), uint16_t(b.size()));
         return words(&sum, 1);
     }
-    if (v == "parse") {
-        const Bytes b = a.bytes(4);
-        return analyzeFrameOfVal(QByteArray(reinterpret_cast<const char*>(b.data()), int(b.size())), a.i(2),
-                                 a.i(3), variable(k)),
-               "";
-    }
+    if (v == "parse") return analyzeFrameOfVal(qbytes(a.bytes(4)), a.i(2), a.i(3), variable(k)), "";
     if (v == "check") {
         FRAME_PRO f;
         f.replyLength = a.i(2), f.elementCount = a.i(3);
@@ -435,10 +399,8 @@ std::string call(const Args& a) {
         driver.handShakeFlag = a.i(1);
         Bytes b = a.is(4, "null") ? Bytes() : a.bytes(4);
         result = check_rcv_data(b.empty() ? nullptr : b.data(), {}, a.is(4, "null") ? a.i(5) : int(b.size()));
-        const std::string out = n(result) + " " + n(driver.handShakeFlag);
         driver.frameList.clear();
-        driver.handShakeFlag = 0;
-        return out;
+        return n(result) + " " + n(std::exchange(driver.handShakeFlag, 0));
     }
     if (v == "str2int" || v == "regindex") {
         Texts out;
@@ -505,13 +467,6 @@ std::map<std::string, Verb>& extraVerbs() {
     static std::map<std::string, Verb> verbs;
     return verbs;
 }
-Words split(const std::string& text) {
-    std::istringstream in(text);
-    Words out;
-    for (std::string p; in >> p;) out.push_back(p);
-    return out;
-}
-
 // One step: the verb on each ";" group of its words, the outputs joined by " ; ".
 std::string perform(const Words& w) {
     Texts out;
@@ -537,17 +492,12 @@ std::string perform(const Words& w) {
 
 void step(const std::string& where, const std::string& line) {
     SCOPED_TRACE(where + ": " + line);
-    size_t at = line.find(" = ");
-    if (at == std::string::npos) at = line.find(" ~ ");
-    if (at == std::string::npos && line.size() > 2 && line.compare(line.size() - 2, 2, " =") == 0)
-        at = line.size() - 2;  // an empty output
-    const std::string got = ::perform(line.substr(0, at));
-    if (at == std::string::npos) return;
-    const std::string expected = join(split(line.substr(std::min(at + 3, line.size()))));
-    if (line[at + 1] == '=')
-        EXPECT_EQ(join(split(got)), expected);
-    else
-        EXPECT_NE(got.find(expected), std::string::npos) << got;
+    static const std::regex form("(.*?)(?: ([=~])(?:$| (.*)))?");  // step, then = or ~ and the output
+    std::smatch m;
+    std::regex_match(line, m, form);
+    const std::string got = ::perform(m[1]), expected = join(split(m[3]));
+    EXPECT_EQ(m[2] == "=" ? join(split(got)) : expected, expected);
+    EXPECT_TRUE(m[2] != "~" || got.find(expected) != std::string::npos) << got;
 }
 
 }  // namespace
@@ -555,66 +505,71 @@ void step(const std::string& where, const std::string& line) {
 void addVerb(const std::string& name, Verb verb) {
     extraVerbs()[name] = std::move(verb);
 }
-std::vector<unsigned char> bytesOf(const Words& w, size_t from) {
-    return Args{w}.bytes(from);
-}
-std::string hexOf(const unsigned char* bytes, long long count) {
-    return hex(bytes, count);
-}
 kvsim::Memory& controller() {
-    return rt().plc;
+    return rt.plc;
 }
 unsigned short* recipeBuffer() {
-    return rt().recipe;
+    return rt.recipe;
 }
 std::string perform(const std::string& line) {
     return perform(split(line));
 }
+void resetRuntime() {
+    [[maybe_unused]] static const auto previous =
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& m) { rt.log << m; });
+    driver.rcpVarList.clear(), driver.rcpBlockList.clear(), driver.rcpFirstIndex.clear();
+    driver.rcpFrameIndex = 0;
+    std::memset(rt.shm, 0, sizeof rt.shm);
+    std::memset(rt.recipe, 0, sizeof rt.recipe);
+    rt.plc.clear();
+    initDriver("1#0#0#3#10");
+    intf_setAddrValueChangeCallBack(&record);
+    EXPECT_EQ(run(1, false, false), "hs");
+    rt.calls.clear();
+    rt.log.clear();
+}
 
+namespace {
+
+struct Scenario {
+    std::string where, name;  // file:line of the title; file stem and title as one identifier
+    std::vector<std::pair<int, std::string>> steps;
+};
+void PrintTo(const Scenario& s, std::ostream* os) {
+    *os << s.where;
+}
+// Every scenario of the *.txt files in dir, files in name order.
 std::vector<Scenario> loadScenarios(const std::string& dir) {
-    Texts files;
+    std::set<std::string> files;
     for (const auto& e : std::filesystem::directory_iterator(dir))
-        if (e.path().extension() == ".txt") files.push_back(e.path().filename().string());
-    std::sort(files.begin(), files.end());
+        if (e.path().extension() == ".txt") files.insert(e.path().filename().string());
     std::vector<Scenario> out;
     for (const std::string& file : files) {
         std::ifstream in(dir + "/" + file);
         std::string line;
         for (int number = 1; std::getline(in, line); ++number) {
-            if (line.rfind("== ", 0) == 0) {
-                std::string name = file.substr(0, file.size() - 4) + "_" + line.substr(3);
-                std::replace_if(
-                    name.begin(), name.end(),
-                    [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); }, '_');
-                out.push_back({file + ":" + n(number), name, {}});
-            } else if (!out.empty() && line.find_first_not_of(' ') != std::string::npos && line[0] != '#') {
+            if (line.rfind("== ", 0) == 0)
+                out.push_back({file + ":" + n(number),
+                               std::regex_replace(file.substr(0, file.size() - 4) + "_" + line.substr(3),
+                                                  std::regex("[^A-Za-z0-9]"), "_"),
+                               {}});
+            else if (!out.empty() && line.find_first_not_of(' ') != std::string::npos && line[0] != '#')
                 out.back().steps.emplace_back(number, line);
-            }
         }
     }
     return out;
 }
 
-void resetRuntime() {
-    [[maybe_unused]] static const auto previous =
-        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& m) { rt().log << m; });
-    Runtime& r = rt();
-    driver.rcpVarList.clear(), driver.rcpBlockList.clear(), driver.rcpFirstIndex.clear();
-    driver.rcpFrameIndex = 0;
-    std::memset(r.shm, 0, sizeof r.shm);
-    std::memset(r.recipe, 0, sizeof r.recipe);
-    r.plc.clear();
-    initDriver("1#0#0#3#10");
-    intf_setAddrValueChangeCallBack(&record);
-    EXPECT_EQ(run(1, false, false), "hs");
-    r.calls.clear();
-    r.log.clear();
-}
-
-void runScenario(const Scenario& s) {
+// One test per scenario of the files in the program's KV_SCENARIOS directory.
+class ScenarioTest : public ::testing::TestWithParam<Scenario> {};
+TEST_P(ScenarioTest, Runs) {
     resetRuntime();
-    for (const auto& [number, line] : s.steps) {
-        step(s.where.substr(0, s.where.find(':')) + ":" + n(number), line);
-        if (::testing::Test::HasFailure()) return;
+    for (const auto& [number, line] : GetParam().steps) {
+        step(GetParam().where.substr(0, GetParam().where.find(':')) + ":" + n(number), line);
+        if (HasFailure()) return;
     }
 }
+INSTANTIATE_TEST_SUITE_P(Files, ScenarioTest, ::testing::ValuesIn(loadScenarios(KV_SCENARIOS)),
+                         [](const auto& info) { return info.param.name; });
+
+}  // namespace

@@ -1,6 +1,5 @@
-// The driver's scenarios (tests/unit/*.txt), and what must hold for any input: well-formed frames
-// whatever the block, a defined result whatever the reply, the data area's index against a linear
-// scan, cyclic reads and recipe transfers of random registrations against the controller's memory.
+// The driver's scenarios (unit/*.txt), and what holds for any input: well-formed frames, a defined
+// result for any reply, the data area's index, cyclic reads and recipe transfers of random entries.
 #include "kv3000_catalogue.h"
 #include "kv3000_wire.h"
 #include "kv_3000/frame_builder.h"
@@ -17,8 +16,8 @@
 namespace {
 
 TEST(Properties, EveryFrameIsWellFormed) {
-    for (int row = 0; row < REG_COUNT; ++row) {
-        for (int address : {0, 37, 0xFFFF, 0x10000, 0x0FFFFFFF, INT_MAX, -1, INT_MIN}) {
+    for (int row = 0; row < REG_COUNT; ++row)
+        for (int address : {0, 37, 0xFFFF, 0x10000, 0x0FFFFFFF, INT_MAX, -1, INT_MIN})
             for (int length :
                  {1, 2, 60, 61, 121, 122, 128, 512, 513, 1025, 0xFFFF, 0x10000, INT_MAX, 0, -1}) {
                 VARIABLE v;
@@ -29,19 +28,15 @@ TEST(Properties, EveryFrameIsWellFormed) {
                 for (const FRAME_PRO& f : driver.frameList) {
                     SCOPED_TRACE(std::string(REG_LIST[row]) + " " + std::to_string(address) + " x" +
                                  std::to_string(length));
-                    ASSERT_GE(f.sendLength, 13);
-                    ASSERT_LE(f.sendLength, KV_BUFFER_SIZE);
+                    ASSERT_TRUE(f.sendLength >= 13 && f.sendLength <= KV_BUFFER_SIZE) << f.sendLength;
                     unsigned sum = 0;
                     for (int i = 3; i < f.sendLength - 2; ++i) sum += f.frame[i];
                     EXPECT_EQ(f.frame[4] + 7, f.sendLength);
-                    EXPECT_EQ(f.frame[f.sendLength - 2],
-                              static_cast<unsigned char>(sum > 255 ? 0u - sum : sum));
+                    EXPECT_EQ(f.frame[f.sendLength - 2], uint8_t(sum > 255 ? 0u - sum : sum));
                     EXPECT_EQ(f.frame[f.sendLength - 1], kvwire::EOT);
                     EXPECT_GT(f.replyLength, 0);
                 }
             }
-        }
-    }
     driver.frameList.clear();
 }
 
@@ -80,12 +75,11 @@ TEST(Properties, DataAreaIndexAgreesWithALinearScan) {
             driver.dataArea.append(e);
             continue;
         }
-        int expected = driver.dataArea.size();
-        for (int i = driver.dataArea.size() - 1; i >= 0; --i) {
-            const _DATA_& e = driver.dataArea[i];
-            if (e.station == station && e.address == address && e.regKey == key) expected = i;
-        }
-        ASSERT_EQ(getIndexOfDataArea(station, key, address, driver.dataArea), expected) << op;
+        const auto first = std::find_if(driver.dataArea.begin(), driver.dataArea.end(), [&](const _DATA_& e) {
+            return e.station == station && e.address == address && e.regKey == key;
+        });
+        ASSERT_EQ(getIndexOfDataArea(station, key, address, driver.dataArea), first - driver.dataArea.begin())
+            << op;
     }
 }
 
@@ -225,5 +219,3 @@ TEST(Properties, RecipeTransfersMoveEveryEntryAndNothingElse) {
 }
 
 }  // namespace
-
-KV_SCENARIO_TESTS(KV_SCENARIOS);
