@@ -1,10 +1,6 @@
-// Writes a capture holding a read of two units from every area code of the
-// catalogue and a write to every timer/counter value area, each with the
-// simulator's reply, and prints what the Wireshark dissector must decode from
-// it: per frame "operation register address count items", tab-separated.
-// The expected names, unit sizes and notations come from kv3000_traits.h, so
-// the dissector's own area table cannot drift from the catalogue unnoticed.
-//   kv3000_capture_areas OUT.pcap
+// kv3000_capture_areas OUT.pcap: a capture of a read of every area and a write of every timer/counter
+// value area with the simulator's replies, and, printed, what the dissector must decode from it
+// (operation register address count items, tab-separated; names and notations from kv3000_traits.h).
 #include "capture_file.h"
 #include "kv3000_traits.h"
 #include "kv3000_wire.h"

@@ -1,6 +1,5 @@
-# serve: values appear and follow the simulator, writes with the token land
-# in its memory, every refusal gives its status and the command line's
-# sentence, a change reaches a live stream, and SIGTERM ends it promptly.
+# serve: values follow the simulator, writes with the token land in its memory, each refusal gives its
+# status and the command line's sentence, a change reaches a live stream, SIGTERM ends it; a browser.
 source "$(dirname "$0")/lib.sh" "$@"
 sim_start --listen 127.0.0.1:0
 sim_set DM5 11
@@ -124,4 +123,17 @@ stop_bg $SERVE TERM
 elapsed=$((($(date +%s%N) - start) / 1000000))
 [ "$elapsed" -lt 5000 ] || fail "serve took $elapsed ms to stop"
 expect_in "$WORK/main" "summary: "
+
+# The page in headless Chromium (serve_browser.py): a live value changes on screen, DM100 written through
+# the form lands in the simulator; the screenshot is kept in the build tree (build/tests/e2e/serve.png).
+for tool in /usr/bin/chromium /usr/bin/chromedriver; do
+    [ -x "$tool" ] || { fail "$tool is missing (scripts/dev.sh installs chromium and chromium-driver)"; finish; }
+done
+sim_stop
+sim_start --listen 127.0.0.1:0 --live
+serve_start browser --allow-writes DM0 DM1 T0 TC0 R0.00 DM100
+timeout 90 /usr/bin/python3 "$(dirname "$0")/serve_browser.py" "$URL" "$TOKEN" "$PWD/serve.png" || fail "the browser test failed"
+sim_is DM100 1234
+expect_in "$WORK/browser" "web write DM100 = 1234 from 127.0.0.1: wrote DM100 = 1234"
+stop_bg $SERVE TERM
 finish

@@ -1,6 +1,5 @@
-# Documented messages and exit codes: help, info, bad addresses, values and
-# options (exit 2, nothing sent), unreachable peers and a missing driver, a
-# silent peer and one that is not a controller (exit 1).
+# Documented messages and exit codes: help, info, refusals (exit 2, nothing sent), unreachable peers, a
+# missing driver, a silent peer and one that is not a controller (exit 1); the demo, without a command.
 source "$(dirname "$0")/lib.sh" "$@"
 expect_exit 0 "$HOST" --help
 for section in NAME SYNOPSIS DESCRIPTION OPTIONS COMMANDS ADDRESSES "EXIT STATUS" EXAMPLES; do
@@ -37,8 +36,7 @@ $T read DM0 --for 3|--for goes with watch
 $T read DM0 --output x.csv|--output goes with recipe-upload
 $T recipe-download $WORK/bad.csv|bad.csv:2: QQ1: unknown register
 EOF2
-echo stats >&7
-read -r -t 10 line <&8 && read -r -t 10 _ <&8
+line=$(sim_stats | grep '^requests')
 [[ $line == "requests 0 "*"connections 0" ]] || fail "the refused commands reached the simulator: $line"
 sim_stop
 
@@ -65,4 +63,17 @@ poll 10 test -s "$WORK/http.port"
 expect_exit 1 timeout 20 "$HOST" --tcp "127.0.0.1:$(cat "$WORK/http.port")" --trace read DM0
 expect_in "$WORK/err" "read DM0 failed: the peer at 127.0.0.1:$(cat "$WORK/http.port") does not answer like a KV-3000 (reply starts 48 54 54 50)" \
     "   not a KV-3000 reply; reply accepted"
+
+# The demo runs against the embedded simulator and ends within about 15 s with every value read back, live
+# values that moved, and a summary; with local-only writes it does not claim they were sent.
+start=$SECONDS
+expect_exit 0 timeout 30 "$HOST"
+[ $((SECONDS - start)) -le 15 ] || fail "the demo took $((SECONDS - start)) s"
+expect_in "$WORK/out" "embedded simulator, live values" "change(s) reported through the callback" \
+    "wrote DM100:3 = 11,22,33" "   TC10,100000" "demo done: every value read back as written" "summary: "
+dm0=($(grep -o 'DM0=[0-9]*' "$WORK/out" | cut -d= -f2))
+[ "${dm0[-1]:-0}" -gt "${dm0[0]:-0}" ] || fail "DM0 did not count (${dm0[*]})"
+expect_exit 0 timeout 30 "$HOST" --params 1#1#0#3#10
+expect_in "$WORK/out" "   DM100:3 = 11,22,33 shown locally, not sent (local write only)" \
+    "demo done: every value read back as written; the writes of step 2 were shown locally"
 finish

@@ -64,6 +64,13 @@ sim_is() {
     [ "$got" = "$2" ] || fail "the simulator holds $1 = $got, expected $2"
 }
 
+# sim_stats: the simulator's "stats" lines (a get after them marks their end).
+sim_stats() {
+    echo stats >&7 && echo get DM0 >&7
+    local line
+    while read -r -t 10 line <&8 && [[ $line != "DM0 "* ]]; do echo "$line"; done
+}
+
 # sim_set ADDR VALUE...: the simulator answers "ok".
 sim_set() { echo "set $*" >&7 && read -r -t 10 line <&8 && [ "$line" = ok ] || fail "simulator: set $*: $line"; }
 

@@ -1,7 +1,5 @@
-// What the host checks before it sends anything: the driver it loads, the
-// addresses and values on its command line, link settings.
-// The messages that e2e_usage.sh and e2e_recipe.sh already check through the
-// built program are not repeated here.
+// What the host checks before it sends anything: the driver it loads, the addresses and values on its
+// command line, link settings (messages that e2e_usage.sh and e2e_recipe.sh check are not repeated).
 #include "address.h"
 #include "commands.h"
 #include "driver_loader.h"
@@ -83,7 +81,6 @@ TEST_F(HostArgs, BadAddressesAndValuesSayWhatIsWrong) {
         {"TRM1x", "TRM1x: malformed address \"1x\" for TRM (decimal, e.g. TRM7)"},
         {"DM99999999999", "DM99999999999: out of range: DM addresses run from 0 to 65535"},
         {"DM1:9999999", "DM1:9999999: count 9999999 is too large (at most 512 for DM)"},
-        // ADDR=VALUE
         {"DM100:3=1,2", "DM100:3=1,2: 2 values for 3 units (give one for all, or one per unit)"},
         {"R5.03=2", "R5.03=2: value 2 is out of range for R (a bit: 0 or 1)"},
         {"DM5=99999999999999999999",

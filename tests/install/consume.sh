@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Builds and runs the integrator's program in consumer/ against an installed
-# driver, once through find_package(kv3000 CONFIG) and once through pkg-config.
+# Builds and runs consumer/ against an installed driver through find_package(kv3000) and pkg-config.
 #   consume.sh <cmake> <c++ compiler> <prefix> <pkg-config dir> <consumer source dir>
 set -euo pipefail
 cmake=$1 cxx=$2 prefix=$3 pcdir=$4 consumer=$5

@@ -1,15 +1,7 @@
-// Threads against one driver, for the ThreadSanitizer build (any build runs
-// it). Each mode loads the driver as the host does, runs the host's loop on
-// the main thread against the embedded simulator, and is bounded by a watchdog.
-//   threads  two screens writing, reading and condition-reading random units, a thread
-//            re-registering addresses and recipes and requesting recipe transfers, a change
-//            callback calling back in; at the end the data area shows the controller's memory.
-//   serve    40 event streams, 6 readers, 4 writers, a stream never read, a client that leaves,
-//            a hub subscriber that never takes: every write 200 and held, every stream changed.
-//   gateway  20 libmodbus clients reading and writing, one never reading its answers, one
-//            leaving mid-request: all answered, last writes held, the live DM0 never going back.
-// serve and gateway must keep the loop's pace (values change every 100 ms, a pass is due every
-// 50 ms): a loop held up by its clients falls far below 20 transactions/s.
+// Threads against one driver, for the ThreadSanitizer build (README.md, "Threading checks", says what
+// each mode runs and checks). Each loads the driver as the host does and runs the host's loop on the
+// main thread against the embedded simulator, under a watchdog. serve and gateway must keep the loop's
+// pace (a pass due every 50 ms): a loop held up by its clients falls far below 20 transactions/s.
 #include "address.h"
 #include "driver_loader.h"
 #include "gateway.h"
