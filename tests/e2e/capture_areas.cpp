@@ -30,15 +30,10 @@ std::string addressText(const kvreg::Traits& t, uint32_t frameAddress) {
 
 Bytes request(std::initializer_list<uint8_t> command) {
     const int L = static_cast<int>(command.size());
-    Bytes f(static_cast<size_t>(L) + kvwire::FRAME_OVERHEAD);
-    f[0] = kvwire::ACK;
-    f[1] = kvwire::SOF;
-    f[2] = kvwire::HDR2;
-    f[3] = kvwire::HDR3;
-    f[4] = static_cast<uint8_t>(L);
-    std::copy(command.begin(), command.end(), f.begin() + 5);
-    f[5 + L] = static_cast<uint8_t>(kvwire::checkSum(f.data() + 3, L + 2));
-    f[6 + L] = kvwire::EOT;
+    Bytes f = {kvwire::ACK, kvwire::SOF, kvwire::HDR2, kvwire::HDR3, static_cast<uint8_t>(L)};
+    for (uint8_t c : command) f.push_back(c);
+    f.push_back(static_cast<uint8_t>(kvwire::checkSum(f.data() + 3, L + 2)));
+    f.push_back(kvwire::EOT);
     return f;
 }
 

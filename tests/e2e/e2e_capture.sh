@@ -3,10 +3,7 @@
 # capture, faults included; --replay-check names the first changed request; bad capture files are refused.
 source "$(dirname "$0")/lib.sh" "$@"
 LUA=$(cd "$(dirname "$0")/../../tools/wireshark" && pwd)/kv3000.lua
-if ! command -v tshark >/dev/null 2>&1; then
-    echo "SKIP: tshark is not installed (scripts/dev.sh installs it), so no capture is decoded"
-    exit 77
-fi
+command -v tshark >/dev/null 2>&1 || { echo "SKIP: tshark is not installed (scripts/dev.sh installs it)"; exit 77; }
 
 # decode FILE [TSHARK-OPTION...]: one line per KV-3000 frame (per TCP segment in a raw capture),
 # tab-separated: operation, register, address, count, items, expert messages; complaints in tshark.err.
@@ -55,17 +52,13 @@ tcpdump_start() {
 tcpdump_stop() {
     [ -n "$TCPDUMP" ] || return 0
     sleep 0.2
-    kill -INT "$TCPDUMP"
-    wait "$TCPDUMP"
-    RAW_COMPLETE=1
-    if ! grep -qx "0 packets dropped by kernel" "$WORK/tcpdump.err"; then
+    kill -INT "$TCPDUMP" && wait "$TCPDUMP"
+    RAW_COMPLETE=$(grep -cx "0 packets dropped by kernel" "$WORK/tcpdump.err") ||
         echo "tcpdump dropped packets (a busy machine), so its capture is not compared: $(tr '\n' ' ' <"$WORK/tcpdump.err")"
-        RAW_COMPLETE=
-    fi
 }
 # same_as_raw RAW HOST-CAPTURE...: the raw capture $WORK/RAW.pcap decodes as the host's own.
 same_as_raw() {
-    [ -n "$TCPDUMP" ] && [ -n "$RAW_COMPLETE" ] || return 0
+    [ -n "$TCPDUMP" ] && [ "$RAW_COMPLETE" = 1 ] || return 0
     local raw=$1
     shift
     decoded "$raw" -o kv3000.tcp_port:$SIM_PORT

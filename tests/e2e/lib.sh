@@ -1,7 +1,5 @@
-# Helpers for the end-to-end scripts: run kv3000-sim with its console on a
-# pair of FIFOs, run kv3000-host, and check what it prints and returns.
-# Usage in a script: source lib.sh "$@"; then HOST and SIM are the programs.
-# Nothing waits a fixed time: every wait polls, with a timeout.
+# Helpers of the e2e scripts (source lib.sh "$@": HOST and SIM are the programs): kv3000-sim with its console
+# on two FIFOs, kv3000-host's output and status. Nothing waits a fixed time: every wait polls, with a timeout.
 set -u
 HOST=$1
 SIM=$2
@@ -29,10 +27,7 @@ sim_start() {
     SIM_PORT=${line##*:}
     T="--tcp 127.0.0.1:$SIM_PORT"
     SIM_PTY=
-    if [[ " $* " == *" --pty "* ]]; then
-        read -r -t 10 line <&8
-        SIM_PTY=${line#serial on }
-    fi
+    [[ " $* " == *" --pty "* ]] && read -r -t 10 line <&8 && SIM_PTY=${line#serial on }
 }
 
 # sim_stop: quits the simulator and waits for it.

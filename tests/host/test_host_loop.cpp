@@ -104,9 +104,8 @@ private:
     std::deque<Pending> pending_;
 };
 
-// A driver stand-in: hands out its frames in order, accepts a reply of the
-// expected length that starts with 06, abandons a frame after `retryLimit`
-// rejections (result 2), and asks for a retry (8) before that.
+// A driver stand-in: hands out its frames in order, accepts a reply of the expected length that starts
+// with 06, abandons a frame after `retryLimit` rejections (result 2), and asks for a retry (8) before that.
 struct Driver {
     static inline std::deque<FRAME_PRO> frames;
     static inline std::vector<QByteArray> replies;
@@ -309,8 +308,7 @@ TEST_F(Loop, ConnectNowIgnoresTheBackoffOnce) {
     EXPECT_EQ(link.openTimes.size(), 1u);
 }
 
-// What the trace says of requests and replies the e2e scripts cannot make
-// (e2e_roundtrip.sh checks the rest through the real driver and simulator).
+// What the trace says of requests and replies the e2e scripts cannot make (e2e_roundtrip.sh: the rest).
 TEST(Trace, MalformedRequestsAndRejectedReplies) {
     const Bytes cut = {0x06, 1, 0, 0xFF, 0x20, 0x1E, 0x00}, odd = {0x42};
     EXPECT_EQ(describeRequest(cut.data(), cut.size()), "truncated request");

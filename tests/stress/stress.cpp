@@ -38,8 +38,7 @@ std::atomic<bool> stopLoop{false};
 std::atomic<int> bad{0};  // requests not answered as they must be
 
 [[noreturn]] void fail(const std::string& what) {
-    std::fprintf(stderr, "stress: %s\n", what.c_str());
-    std::fflush(stderr);
+    std::fprintf(stderr, "stress: %s\n", what.c_str());  // stderr is unbuffered
     std::abort();
 }
 
@@ -98,22 +97,19 @@ void screen(const DriverApi& api) {
         KEY_ADDRESS k = randomKey(4);
         unsigned char data[16];
         const int dice = pick(10);
-        if (dice < 4) {
-            for (unsigned char& d : data) d = static_cast<unsigned char>(pick(k.dataType < 0 ? 2 : 256));
+        for (unsigned char& d : data) d = static_cast<unsigned char>(pick(k.dataType < 0 ? 2 : 256));
+        if (dice < 4)
             api.setData(0, &k.reg, k.address, k.length, data, op);
-        } else if (dice < 8) {
+        else if (dice < 8)
             api.getData(0, k.reg, k.address, k.length, data);
-        } else {
+        else
             api.addConditionRead(k, op);
-        }
         std::this_thread::sleep_for(std::chrono::microseconds(100 + pick(200)));  // spread over transactions
     }
 }
 
-// A recipe transfer the registration thread wants: 1 download, 2 upload. The
-// loop thread sets the request byte, as the host's recipe commands do (a byte
-// set elsewhere is ordered by the runtime's mutex, which TSan cannot see), and
-// clears this once the driver has served it.
+// A recipe transfer the registration thread wants: 1 download, 2 upload. The loop thread sets the request
+// byte, as the host does (TSan cannot see the runtime's mutex order it), and clears this once served.
 std::atomic<int> recipeAsked{0};
 
 void registrations(Session& s) {
