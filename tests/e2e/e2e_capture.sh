@@ -122,14 +122,12 @@ tcpdump_start "$WORK/split.pcap"
 expect_exit 0 "$HOST" $T --capture "$WORK/split_host.pcap" read DM100:3 TC5
 tcpdump_stop
 same_as_raw split split_host
-sim_stop
 
 # Replies cut short (each comes in pieces a second apart, the host waits 0.1 s).
 sim_start --listen 127.0.0.1:0 --faults split=1:1000
 expect_exit 1 "$HOST" $T --timeout 100 --capture "$WORK/cut_reply.pcap" read DM100
 decoded cut_reply
 expect_in "$WORK/cut_reply.txt" "Frame cut short"
-sim_stop
 
 # A file cut inside its last record: the records before it decode.
 head -c $(($(stat -c %s "$WORK/read.pcap") - 5)) "$WORK/read.pcap" >"$WORK/cut_file.pcap"
@@ -153,7 +151,6 @@ expect_exit 0 "$HOST" $T --timeout 200 --capture "$WORK/r_host.pcap" "${READS[@]
 values >"$WORK/original"
 faults >"$WORK/original.faults"
 grep -q '^0 retries' "$WORK/original.faults" && fail "no faults in the original run"
-sim_stop
 
 # Played back from either capture by a simulator whose memory is all zeros.
 for capture in r_host r_sim; do
@@ -168,7 +165,6 @@ for capture in r_host r_sim; do
     recorded=$(tshark -r "$WORK/$capture.pcap" -X lua_script:"$LUA" -Y 'kv3000.direction == 0 && kv3000.operation != "acknowledge"' 2>/dev/null | wc -l)
     stats=$(sim_stats | grep '^replay')
     [ "$stats" = "replay replayed $recorded from-memory 3" ] || fail "$capture.pcap: stats say '$stats', $recorded recorded"
-    sim_stop
 done
 
 # The host checks its frames against a capture; the embedded simulator replays it.

@@ -68,7 +68,6 @@ expect_in "$WORK/main" "; modbus: " "exceptions (4 of code 1, 8 of code 2, 4 of 
 gateway_start readonly $T gateway --modbus 127.0.0.1:0 DM0:10=hr0 MR_bit10.00:8=co0
 $CLIENTS readonly "$PORT" || fail "pymodbus without --allow-writes"
 stop_bg $GATEWAY TERM
-sim_stop
 
 # A controller that never answers: nothing is read, and a write fails in time.
 sim_start --listen 127.0.0.1:0 --faults drop=1

@@ -61,7 +61,6 @@ expect_exit 0 "$HOST" $T --trace read T5
 expect_in "$WORK/err" "read T/TC/TS 5 x" "   values 1, 0, 0"
 grep -A1 -- '-> 06   acknowledge' "$WORK/err" | grep -q '^<-' && fail "an acknowledge took two trace lines"
 grep -q -- '^[-<][->] ' "$WORK/out" && fail "trace lines among the results"
-sim_stop
 
 # 500 writes through a link that drops, corrupts, delays, splits, prefixes with garbage and closes 10% of
 # the replies each: every write ends either in the simulator's memory or reported failed with the driver's message.
@@ -84,7 +83,6 @@ for ((i = 0; i < 500; i++)); do
     grep -q "^kv3000-host: write $a failed: 1#$a(1)\$" "$WORK/err" || fail "$a lost silently: the simulator has ${values[i]}"
     grep -q "^wrote $a = " "$WORK/out" && fail "$a reported written but the simulator has ${values[i]}"
 done
-sim_stop
 
 # A recipe downloaded comes back unchanged on upload (to standard output or --output, its input unchanged);
 # rows naming a unit twice and semicolons are refused before anything is sent; no controller is exit 1.

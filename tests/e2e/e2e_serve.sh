@@ -129,7 +129,6 @@ expect_in "$WORK/main" "summary: "
 for tool in /usr/bin/chromium /usr/bin/chromedriver; do
     [ -x "$tool" ] || { fail "$tool is missing (scripts/dev.sh installs chromium and chromium-driver)"; finish; }
 done
-sim_stop
 sim_start --listen 127.0.0.1:0 --live
 serve_start browser --allow-writes DM0 DM1 T0 TC0 R0.00 DM100
 timeout 90 /usr/bin/python3 "$(dirname "$0")/serve_browser.py" "$URL" "$TOKEN" "$PWD/serve.png" || fail "the browser test failed"

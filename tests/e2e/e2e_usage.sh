@@ -51,7 +51,6 @@ sim_start --listen 127.0.0.1:0 --faults drop=1
 expect_exit 1 "$HOST" $T --timeout 50 read DM0 DM1 TC3
 expect_in "$WORK/err" "read DM0 failed: no answer to the handshake from tcp 127.0.0.1:$SIM_PORT (connection failed)" \
     "not read: DM1, TC3"
-sim_stop
 
 # A peer that answers, but not like a controller: an HTTP server.
 perl -MIO::Socket::INET -e '$s = IO::Socket::INET->new(LocalAddr => "127.0.0.1:0", Listen => 5) or die;

@@ -17,25 +17,21 @@ done
 stop_bg $PID INT
 expect_in "$WORK/watch" "summary: "
 grep -qE '^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}  DM6 = 4660' "$WORK/watch" || fail "change line without a timestamp"
-sim_stop
 
 sim_start --listen 127.0.0.1:0 --live
 timeout 20 "$HOST" $T watch DM0 --for 1000000 | head -2 >"$WORK/head"
 status=${PIPESTATUS[0]}
 [ "$status" = 0 ] || fail "watch into a closed pipe exited $status"
 expect_in "$WORK/head" "over tcp 127.0.0.1:$SIM_PORT for 1000000 s"
-sim_stop
 
 sim_start --listen 127.0.0.1:0 --faults drop=0.5 --seed 5
 run_bg watch "$HOST" $T --timeout 30 watch DM0 --for 600
 wait_for "$WORK/watch" "  1#DM0(1) failing: no valid reply after 3 attempts" 20
 wait_for "$WORK/watch" "  1#DM0(1) read again" 20
 stop_bg $PID INT
-sim_stop
 sim_start --listen 127.0.0.1:0 --faults drop=1
 expect_exit 1 "$HOST" $T --timeout 30 watch DM0 TC3 --for 1
 expect_in "$WORK/err" "never read: DM0, TC3"
-sim_stop
 
 # A restart of the controller: watch reconnects to the same port and keeps reporting changes.
 sim_start --listen 127.0.0.1:0
@@ -54,7 +50,6 @@ stop_bg $PID INT
 grep -q " [1-9][0-9]* reconnects" "$WORK/watch" || fail "no reconnect counted"
 
 # A write after the peer closed the connection in the middle goes through.
-sim_stop
 sim_start --listen 127.0.0.1:$PORT --faults close=0.3 --seed 3
 expect_exit 0 "$HOST" $T write DM8:20=5
 sim_is DM27 5

@@ -15,8 +15,9 @@ fail() { echo "FAIL: $*" >&2; FAILED=1; }
 
 finish() { [ "$FAILED" = 0 ] && { echo "1 passed, 0 failed"; exit 0; } || { echo "0 passed, 1 failed"; exit 1; }; }
 
-# sim_start ARGS...: starts the simulator; sets SIM_PORT, T (--tcp to it) and SIM_PTY (with --pty).
+# sim_start ARGS...: (re)starts the simulator; sets SIM_PORT, T (--tcp to it) and SIM_PTY (with --pty).
 sim_start() {
+    sim_stop
     rm -f "$WORK/sim.in" "$WORK/sim.out"
     mkfifo "$WORK/sim.in" "$WORK/sim.out"
     "$SIM" "$@" <"$WORK/sim.in" >"$WORK/sim.out" 2>"$WORK/sim.err" &
