@@ -1,12 +1,9 @@
-# Captures: the dissector decodes every area as the catalogue names it, the host's and the simulator's
-# captures of both links and tcpdump's, and damaged ones without a Lua error; the simulator replays a
-# capture, faults included; --replay-check names the first changed request; bad capture files are refused.
+# Captures decoded (both links, tcpdump's, every area, damaged files), replayed, checked against; bad files refused.
 source "$(dirname "$0")/lib.sh" "$@"
 LUA=$(cd "$(dirname "$0")/../../tools/wireshark" && pwd)/kv3000.lua
 command -v tshark >/dev/null 2>&1 || { echo "SKIP: tshark is not installed (scripts/dev.sh installs it)"; exit 77; }
 
-# decode FILE [TSHARK-OPTION...]: one line per KV-3000 frame (per TCP segment in a raw capture),
-# tab-separated: operation, register, address, count, items, expert messages; complaints in tshark.err.
+# decode FILE [TSHARK-OPTION...]: per frame: operation, register, address, count, items, expert messages.
 decode() {
     local file=$1
     shift
@@ -30,8 +27,7 @@ flip_check() {
     printf "$(printf '\\%03o' $(((v + 1) % 256)))" | dd of="$1" bs=1 seek=$((pos - 2)) conv=notrunc status=none
 }
 
-# The dissector's area table: kv3000_capture_areas writes a read of every area and a write of every
-# timer/counter value area and prints what they must decode to (from kv3000_traits.h), with no expert message.
+# Every area and timer/counter value write (kv3000_capture_areas) decodes as kv3000_traits.h names it.
 "${KV_CAPTURE_AREAS:?the test runs with KV_CAPTURE_AREAS naming kv3000_capture_areas}" "$WORK/areas.pcap" \
     >"$WORK/want.txt" || fail "kv3000_capture_areas failed"
 decoded areas
@@ -177,7 +173,7 @@ grep -qE "^replay-check: request [0-9]+ differs from record [0-9]+ of the captur
 expect_exit 1 "$HOST" --timeout 200 --replay-check "$WORK/r_host.pcap" "${READS[@]}" DM7
 expect_in "$WORK/out" "is not in the capture, which ends after" "(read DM 7 x1)"
 
-# Capture files that cannot be written or are not captures: status 2 before connecting, listening or serving.
+# Capture files that cannot be written or are not captures: status 2 before anything is done.
 echo "not a capture" >"$WORK/junk.pcap"
 expect_refusals 2 "$SIM" --listen 127.0.0.1:0 <<EOF2
 --replay $WORK/junk.pcap|is not a pcap file

@@ -1,5 +1,4 @@
-# Documented messages and exit codes: help, info, refusals (exit 2, nothing sent), unreachable peers, a
-# missing driver, a silent peer and one that is not a controller (exit 1); the demo, without a command.
+# Documented messages and exit codes: help, info, refusals (2, nothing sent), peers that fail (1); the demo.
 source "$(dirname "$0")/lib.sh" "$@"
 expect_exit 0 "$HOST" --help
 for section in NAME SYNOPSIS DESCRIPTION OPTIONS COMMANDS ADDRESSES "EXIT STATUS" EXAMPLES; do
@@ -63,8 +62,7 @@ expect_exit 1 timeout 20 "$HOST" --tcp "127.0.0.1:$(cat "$WORK/http.port")" --tr
 expect_in "$WORK/err" "read DM0 failed: the peer at 127.0.0.1:$(cat "$WORK/http.port") does not answer like a KV-3000 (reply starts 48 54 54 50)" \
     "   not a KV-3000 reply; reply accepted"
 
-# The demo runs against the embedded simulator and ends within about 15 s with every value read back, live
-# values that moved, and a summary; with local-only writes it does not claim they were sent.
+# The demo (no command) ends within 15 s, values read back and moving; local-only writes are not claimed sent.
 start=$SECONDS
 expect_exit 0 timeout 30 "$HOST"
 [ $((SECONDS - start)) -le 15 ] || fail "the demo took $((SECONDS - start)) s"

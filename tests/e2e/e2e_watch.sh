@@ -1,16 +1,11 @@
-# watch prints the first values, then each change with its time; a closed output ends it; failing reads
-# and their recovery are shown; nothing read is exit 1; a restarted controller is reconnected to.
+# watch: first values, then changes with their time; closed output; failing reads; nothing read; reconnects.
 source "$(dirname "$0")/lib.sh" "$@"
 sim_start --listen 127.0.0.1:0
-sim_set DM5 11
-sim_set TC3 70000
+for kv in "DM5 11" "TC3 70000"; do sim_set $kv; done
 run_bg watch "$HOST" $T watch DM5:2 TC3 R1.02 MR_bit4.15 --for 600
 wait_for "$WORK/watch" "DM5 = 11 (0x000B)" 10
 expect_in "$WORK/watch" "DM6 = 0 (0x0000)" "TC3 = 70000 (0x00011170)" "R1.02 = 0" "watching 4 address(es) in"
-sim_set DM6 4660
-sim_set TC3 70001
-sim_set R1.02 1
-sim_set MR_bit4.15 1
+for kv in "DM6 4660" "TC3 70001" "R1.02 1" "MR_bit4.15 1"; do sim_set $kv; done
 for line in "DM6 = 4660 (0x1234)" "TC3 = 70001 (0x00011171)" "R1.02 = 1" "MR_bit4.15 = 1"; do
     wait_for "$WORK/watch" "$line" 10
 done

@@ -1,5 +1,4 @@
-# Helpers of the e2e scripts (source lib.sh "$@": HOST and SIM are the programs): kv3000-sim with its console
-# on two FIFOs, kv3000-host's output and status. Nothing waits a fixed time: every wait polls, with a timeout.
+# e2e helpers (source lib.sh "$@": HOST, SIM). Nothing waits a fixed time: every wait polls, with a timeout.
 set -u
 HOST=$1
 SIM=$2
@@ -97,8 +96,7 @@ expect_grep() {
 # expect_in FILE TEXT...: FILE has a line containing each TEXT.
 expect_in() { expect_grep F "$@"; }
 
-# expect_refusals CODE CMD...: each line of stdin is "ARGS|SENTENCE": CMD ARGS
-# exits CODE and says SENTENCE on stderr.
+# expect_refusals CODE CMD...: for each stdin line ARGS|SENTENCE, CMD ARGS exits CODE saying SENTENCE on stderr.
 expect_refusals() {
     local code=$1 args sentence
     shift

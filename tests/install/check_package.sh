@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Makes the Debian packages of a build tree and checks them: no lintian error (nor groff complaint), each
 # package holds exactly its files; unpacked into a scratch root, the tools run, a program builds against
-# libkv3000-dev (consume.sh) and man renders each page.
+# libkv3000-dev (check_install.sh --consume) and man renders each page.
 #   check_package.sh <cpack> <cmake> <c++ compiler> <build dir> <source dir> <install prefix> <multiarch>
 set -uo pipefail
 cpack=$1 cmake=$2 cxx=$3 build=$4 src=$5 prefix=$6 ma=$7
@@ -68,7 +68,7 @@ echo "== the unpacked libkv3000-dev"
 # The .pc file names /usr; here the prefix is the scratch root.
 mkdir -p "$work/pc"
 sed "s|^prefix=.*|prefix=$root/usr|" "$root/usr/lib/$ma/pkgconfig/kv3000.pc" >"$work/pc/kv3000.pc"
-bash "$src/tests/install/consume.sh" "$cmake" "$cxx" "$root/usr" "$work/pc" "$src/tests/install/consumer" ||
+bash "$src/tests/install/check_install.sh" --consume "$cmake" "$cxx" "$root/usr" "$work/pc" "$src/tests/install/consumer" ||
     fail "consumer of the unpacked libkv3000-dev"
 
 echo "== man pages"
