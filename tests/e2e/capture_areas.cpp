@@ -1,6 +1,5 @@
-// kv3000_capture_areas OUT.pcap: a capture of a read of every area and a write of every timer/counter
-// value area with the simulator's replies, and, printed, what the dissector must decode from it
-// (operation register address count items, tab-separated; names and notations from kv3000_traits.h).
+// kv3000_capture_areas OUT.pcap: reads of every area and writes of every timer/counter value area with the
+// simulator's replies; prints what the dissector must decode from them (as kv3000_traits.h names them).
 #include "capture_file.h"
 #include "kv3000_traits.h"
 #include "kv3000_wire.h"

@@ -1,6 +1,4 @@
-# pymodbus clients of kv3000-host gateway for e2e_gateway.sh (the simulator's console on descriptors 7
-# and 8): cases PORT, every function and exception; readonly PORT, writes are illegal functions without
-# --allow-writes; down PORT, a controller that never answers: reads give 11, a write 4.
+# gateway_clients.py cases|readonly|down PORT: pymodbus against the gateway (simulator console on fds 7, 8).
 import logging
 import os
 import socket

@@ -71,22 +71,18 @@ sim_set() { echo "set $*" >&7 && read -r -t 10 line <&8 && [ "$line" = ok ] || f
 
 # expect_exit CODE CMD...: runs CMD, output in $WORK/out and $WORK/err.
 expect_exit() {
-    local want=$1
-    shift
-    "$@" >"$WORK/out" 2>"$WORK/err"
+    "${@:2}" >"$WORK/out" 2>"$WORK/err"
     local got=$?
-    if [ "$got" != "$want" ]; then
-        fail "'$*' exited $got, expected $want"
-        sed 's/^/  out: /' "$WORK/out" | head -20 >&2
-        sed 's/^/  err: /' "$WORK/err" | head -20 >&2
-    fi
+    [ "$got" = "$1" ] && return
+    fail "'${*:2}' exited $got, expected $1"
+    sed 's/^/  out: /' "$WORK/out" | head -20 >&2
+    sed 's/^/  err: /' "$WORK/err" | head -20 >&2
 }
 
 # expect_grep FLAGS FILE TEXT...: grep -qFLAGS finds each TEXT in FILE.
 expect_grep() {
     local flags=$1 file=$2 text
-    shift 2
-    for text in "$@"; do
+    for text in "${@:3}"; do
         grep "-q$flags" -- "$text" "$file" || {
             fail "no '$text' in $(basename "$file")"
             head -40 "$file" | sed 's/^/  | /' >&2
@@ -98,11 +94,10 @@ expect_in() { expect_grep F "$@"; }
 
 # expect_refusals CODE CMD...: for each stdin line ARGS|SENTENCE, CMD ARGS exits CODE saying SENTENCE on stderr.
 expect_refusals() {
-    local code=$1 args sentence
-    shift
+    local args sentence
     while IFS='|' read -r args sentence; do
         # shellcheck disable=SC2086
-        expect_exit "$code" "$@" $args </dev/null
+        expect_exit "$1" "${@:2}" $args </dev/null
         expect_in "$WORK/err" "$sentence"
     done
 }
@@ -110,8 +105,7 @@ expect_refusals() {
 # poll SECONDS CMD...: runs CMD every 50 ms until it succeeds; false after SECONDS.
 poll() {
     local end=$((SECONDS + $1))
-    shift
-    until "$@"; do
+    until "${@:2}"; do
         [ "$SECONDS" -le "$end" ] || return 1
         sleep 0.05
     done

@@ -1,5 +1,4 @@
-// What the host checks before it sends anything: the driver it loads, the addresses and values on its
-// command line, link settings (messages that e2e_usage.sh and e2e_recipe.sh check are not repeated).
+// The host's checks before it sends anything: driver, addresses, values, link settings (not e2e_usage's).
 #include "address.h"
 #include "commands.h"
 #include "driver_loader.h"
@@ -30,9 +29,8 @@ TEST(DriverLoader, RefusesALibraryWithoutEveryExportAndNamesTheMissingOnes) {
     DriverApi api;
     std::string error;
     EXPECT_FALSE(loadDriver(KV3000_FAKE_DRIVER_PATH, api, &error));
-    EXPECT_NE(error.find("lacks the export(s)"), std::string::npos) << error;
-    EXPECT_NE(error.find("intf_getSendFrame"), std::string::npos);
-    EXPECT_NE(error.find("intf_addConditionRead"), std::string::npos);
+    for (const char* part : {"lacks the export(s)", "intf_getSendFrame", "intf_addConditionRead"})
+        EXPECT_NE(error.find(part), std::string::npos) << error;
     EXPECT_EQ(error.find("intf_getVersion"), std::string::npos);
     EXPECT_EQ(api.getVersion, nullptr);
     const std::vector<std::string> c = defaultDriverCandidates("/opt/kv/bin");  // beside the program first
@@ -134,9 +132,7 @@ TEST(LinkSettings, SerialParametersTheirTimingAndTcpEndpoints) {
 
     // 9600 baud, 8E1 = 11 bits a character: 17 bytes take 19.479 ms, plus the margin.
     HostOptions o;
-    o.link = HostOptions::LinkKind::Serial;
-    o.serialDevice = "/dev/null";
-    o.timeoutMs = 100;
+    o.link = HostOptions::LinkKind::Serial, o.serialDevice = "/dev/null", o.timeoutMs = 100;
     const std::unique_ptr<Link> serial = makeLink(o, 0);
     EXPECT_EQ(serial->replyTimeout(17), 19479 + 100000);
     EXPECT_FALSE(serial->silenceMeansLost());  // a quiet line is not a lost device

@@ -1,6 +1,5 @@
-// The communication loop against a scripted link and driver, on a clock that only moves when the loop
-// waits (timeouts and backoff in microseconds, no sleeping): exact timing, reply timeouts, reconnects
-// with backoff, stale bytes; and the trace lines and summary built from its exchanges.
+// The loop against a scripted link and driver on a clock that moves only when the loop waits (no sleeping):
+// timing, reply timeouts, reconnects with backoff, stale bytes; the trace and summary of its exchanges.
 #include "comm_loop.h"
 #include "link.h"
 #include "stats.h"
@@ -325,9 +324,7 @@ TEST(Trace, MalformedRequestsAndRejectedReplies) {
 TEST(Summary, CountsWhatWasRetriedAndWhatFinallyFailed) {
     Stats s;
     FRAME_PRO write = frame({1, 2, 3, 4}, 10), cyclic = frame({1, 2, 3, 4}, 10);
-    write.id = 1000;
-    cyclic.id = KV_CYCLIC_READ_ID;
-    cyclic.elementCount = 1;
+    write.id = 1000, cyclic.id = KV_CYCLIC_READ_ID, cyclic.elementCount = 1;
     auto record = [&](FRAME_PRO& f, int result, const char* message, Micros roundTrip = 10 * kMs) {
         Exchange ex = exchange(&f, 10, result, message, QByteArray(10, 'x'));
         ex.roundTrip = roundTrip;

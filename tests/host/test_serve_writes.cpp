@@ -1,5 +1,5 @@
-// How a web write ends, from the frames the loop sees: its own, and the condition read queued behind it
-// that the driver starts only once no write waits.
+// How a web write ends, from its frames and the condition read queued behind it (started once no write
+// waits).
 #include "serve_writes.h"
 
 #include <gtest/gtest.h>

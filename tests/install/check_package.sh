@@ -1,7 +1,5 @@
 #!/usr/bin/env bash
-# Makes the Debian packages of a build tree and checks them: no lintian error (nor groff complaint), each
-# package holds exactly its files; unpacked into a scratch root, the tools run, a program builds against
-# libkv3000-dev (check_install.sh --consume) and man renders each page.
+# The Debian packages of a build tree: lintian, exact file lists; unpacked, tools, consumer and man pages work.
 #   check_package.sh <cpack> <cmake> <c++ compiler> <build dir> <source dir> <install prefix> <multiarch>
 set -uo pipefail
 cpack=$1 cmake=$2 cxx=$3 build=$4 src=$5 prefix=$6 ma=$7

@@ -1,7 +1,5 @@
-// Threads against one driver, for the ThreadSanitizer build (README.md, "Threading checks", says what
-// each mode runs and checks). Each loads the driver as the host does and runs the host's loop on the
-// main thread against the embedded simulator, under a watchdog. serve and gateway must keep the loop's
-// pace (a pass due every 50 ms): a loop held up by its clients falls far below 20 transactions/s.
+// Threads against one driver and the host's loop on the embedded simulator, for ThreadSanitizer (each mode:
+// README.md, "Threading checks"); serve and gateway must keep the loop's pace (20 transactions/s at least).
 #include "address.h"
 #include "driver_loader.h"
 #include "gateway.h"
