@@ -338,8 +338,7 @@ TEST(Summary, CountsWhatWasRetriedAndWhatFinallyFailed) {
     record(cyclic, KV_DEAL_ABANDONED, "1#DM0(1)");  // abandoned, read on the next pass
     record(cyclic, KV_DEAL_ACCEPTED, "1#DM0(1)");
     record(cyclic, KV_DEAL_ABANDONED, "1#DM5(1)");  // abandoned, not read since
-    s.recordLink(LinkEvent::Connected);
-    s.recordLink(LinkEvent::Connected);
+    for (int i = 0; i < 2; ++i) s.recordLink(LinkEvent::Connected);
     EXPECT_EQ((std::vector<uint64_t>{s.frames(), s.transactions(), s.repeats(), s.retried(), s.failed(),
                                      s.bytesSent(), s.bytesReceived(), s.reconnects()}),
               (std::vector<uint64_t>{26, 24, 2, 2, 2, 104, 260, 1}));

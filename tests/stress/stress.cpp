@@ -62,8 +62,6 @@ void expectHeld(Session& s, int address, uint32_t value) {
         std::fprintf(stderr, "stress: DM%d holds %u, not %u\n", address, held ? *held : 0u, value), ++bad;
 }
 
-// ---- threads ----
-
 struct Area {
     const char* reg;
     int units;  // addresses 0 .. units-1 (bit addresses for the bit kinds)
@@ -214,8 +212,7 @@ void threads(Session& s) {
                 callbackWrites.load());
 }
 
-// ---- serve and gateway: the loop runs until stopLoop ----
-
+// serve and gateway: the loop runs until stopLoop.
 void serve(Session& s, const Catalogue& catalogue) {
     constexpr int kStreams = 40, kReaders = 6, kWriters = 4, kWritesEach = 25;
     std::vector<Address> addresses;
