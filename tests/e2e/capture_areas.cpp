@@ -1,10 +1,5 @@
-// Writes a capture holding a read of two units from every area code of the
-// catalogue and a write to every timer/counter value area, each with the
-// simulator's reply, and prints what the Wireshark dissector must decode from
-// it: per frame "operation register address count items", tab-separated.
-// The expected names, unit sizes and notations come from kv3000_traits.h, so
-// the dissector's own area table cannot drift from the catalogue unnoticed.
-//   kv3000_capture_areas OUT.pcap
+// kv3000_capture_areas OUT.pcap: reads of every area and writes of every timer/counter value area with the
+// simulator's replies; prints what the dissector must decode from them (as kv3000_traits.h names them).
 #include "capture_file.h"
 #include "kv3000_traits.h"
 #include "kv3000_wire.h"
@@ -34,15 +29,10 @@ std::string addressText(const kvreg::Traits& t, uint32_t frameAddress) {
 
 Bytes request(std::initializer_list<uint8_t> command) {
     const int L = static_cast<int>(command.size());
-    Bytes f(static_cast<size_t>(L) + kvwire::FRAME_OVERHEAD);
-    f[0] = kvwire::ACK;
-    f[1] = kvwire::SOF;
-    f[2] = kvwire::HDR2;
-    f[3] = kvwire::HDR3;
-    f[4] = static_cast<uint8_t>(L);
-    std::copy(command.begin(), command.end(), f.begin() + 5);
-    f[5 + L] = static_cast<uint8_t>(kvwire::checkSum(f.data() + 3, L + 2));
-    f[6 + L] = kvwire::EOT;
+    Bytes f = {kvwire::ACK, kvwire::SOF, kvwire::HDR2, kvwire::HDR3, static_cast<uint8_t>(L)};
+    for (uint8_t c : command) f.push_back(c);
+    f.push_back(static_cast<uint8_t>(kvwire::checkSum(f.data() + 3, L + 2)));
+    f.push_back(kvwire::EOT);
     return f;
 }
 

@@ -1,8 +1,4 @@
-# gateway: maps refused before anything starts; mbpoll and pymodbus against
-# the gateway over the simulator read values set on its console and write
-# into its memory (shown by kv3000-host read); every function and exception
-# (gateway_clients.py); a write the controller never answers gives exception
-# 4. Many clients at once: tests/stress (stress_gateway).
+# gateway: bad maps refused; mbpoll and pymodbus (every function and exception) against the simulator.
 source "$(dirname "$0")/lib.sh" "$@"
 PY=/usr/bin/python3
 command -v mbpoll >/dev/null && $PY -c 'import pymodbus' 2>/dev/null ||
@@ -29,10 +25,9 @@ EOF
 expect_exit 1 "$HOST" $T gateway --modbus 127.0.0.1:$SIM_PORT DM0=hr0
 expect_in "$WORK/err" "cannot listen on 127.0.0.1:$SIM_PORT: Address already in use"
 
-# gateway_start NAME ARGS...: in the background; sets PORT and GATEWAY.
+# gateway_start NAME ARGS...: in the background; sets PORT and PID.
 gateway_start() {
     run_bg "$1" "$HOST" "${@:2}"
-    GATEWAY=$PID
     wait_for "$WORK/$1" "serving " 20 || finish
     PORT=$(sed -n '1s/^modbus on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$WORK/$1")
     [ -n "$PORT" ] || fail "first line is not 'modbus on 127.0.0.1:PORT': $(head -1 "$WORK/$1")"
@@ -54,26 +49,21 @@ done <<'EOF'
 EOF
 mb -r 12 -c 2 127.0.0.1 | grep -qzF $'[12]: \t1234\n[13]: \t65534' || fail "mbpoll read back DM12:2: $(mb -r 12 -c 2 127.0.0.1)"
 mb -r 100 -t 0 127.0.0.1 1 | grep -q "Illegal data address" || fail "mbpoll wrote the read-only T4"
-expect_exit 0 "$HOST" $T read DM12 Z0
-expect_in "$WORK/out" "DM12 = 1234 (0x04D2)" "Z0 = 100000 (0x000186A0)"
 
 $CLIENTS cases "$PORT" || fail "pymodbus cases"
-expect_exit 0 "$HOST" $T read DM10
-expect_in "$WORK/out" "DM10 = 4321 (0x10E1)"
 expect_in "$WORK/main" "modbus write DM10 = 4321 from 127.0.0.1:"
-stop_bg $GATEWAY TERM
+stop_bg $PID TERM
 # What the cases above refused, by code (and 11s if the first read came early).
 expect_in "$WORK/main" "; modbus: " "exceptions (4 of code 1, 8 of code 2, 4 of code 3, 1 of code 10"
 
 gateway_start readonly $T gateway --modbus 127.0.0.1:0 DM0:10=hr0 MR_bit10.00:8=co0
 $CLIENTS readonly "$PORT" || fail "pymodbus without --allow-writes"
-stop_bg $GATEWAY TERM
-sim_stop
+stop_bg $PID TERM
 
 # A controller that never answers: nothing is read, and a write fails in time.
 sim_start --listen 127.0.0.1:0 --faults drop=1
 gateway_start down $T --timeout 100 gateway --modbus 127.0.0.1:0 --allow-writes DM0:10=hr0
 $CLIENTS down "$PORT" || fail "pymodbus against a silent controller"
 expect_in "$WORK/down.err" "modbus write DM0 = 1 from 127.0.0.1:"
-stop_bg $GATEWAY TERM
+stop_bg $PID TERM
 finish

@@ -1,7 +1,4 @@
-# Write then read back every register kind over TCP and over a serial line
-# (the simulator's pseudo-terminal); writes larger than the driver's write
-# queue (a bit register takes one queue item per bit); values echoed as
-# typed, local-only writes, and the trace of a serial line.
+# Every register kind over TCP and serial; writes beyond the driver's queue; the trace; faulty writes; recipes.
 source "$(dirname "$0")/lib.sh" "$@"
 # Every register kind, with a value that is not the memory's initial zero.
 ROUNDTRIP_VALUES=(
@@ -11,9 +8,7 @@ ROUNDTRIP_VALUES=(
     CM_bit700.00=1 EM_bit800.08=1 FM_bit900.03=1
 )
 
-# roundtrip LINK-OPTIONS...: writes every kind, reads it back through the
-# host, and checks the simulator's memory; T and C (read-only) are set on
-# the simulator's console and read.
+# roundtrip LINK-OPTIONS...: writes every kind, reads it back (T, C: set on the console), checks the simulator.
 roundtrip() {
     local addrs=() kv a v got
     for kv in "${ROUNDTRIP_VALUES[@]}"; do addrs+=("${kv%%=*}"); done
@@ -64,4 +59,69 @@ expect_exit 0 "$HOST" $T --trace read T5
 expect_in "$WORK/err" "read T/TC/TS 5 x" "   values 1, 0, 0"
 grep -A1 -- '-> 06   acknowledge' "$WORK/err" | grep -q '^<-' && fail "an acknowledge took two trace lines"
 grep -q -- '^[-<][->] ' "$WORK/out" && fail "trace lines among the results"
+
+# 500 writes with 10% of each fault: each lands in the simulator or is reported failed with the driver's message.
+sim_start --listen 127.0.0.1:0 --faults drop=0.1,corrupt=0.1,delay=0.1:50,split=0.1,garbage=0.1,close=0.1 --seed 1
+args=()
+for ((i = 0; i < 500; i++)); do args+=("DM$((2000 + i))=$((i + 1))"); done
+"$HOST" $T --timeout 150 write "${args[@]}" >"$WORK/out" 2>"$WORK/err"
+status=$?
+wrote=$(grep -c '^wrote DM' "$WORK/out")
+failed=$(grep -c '^kv3000-host: write DM[0-9]* failed: 1#DM[0-9]*(1)$' "$WORK/err")
+echo "$wrote written, $failed reported failed"
+[ $((wrote + failed)) = 500 ] || fail "$wrote written + $failed failed is not 500"
+[ "$status" = $((failed > 0)) ] || fail "exit $status with $failed failures"
+expect_in "$WORK/out" "summary: "
+grep -q "(0 retried" "$WORK/out" && fail "nothing retried with 10% faults"
+mapfile -t values < <(sim_get DM2000:500)
+for ((i = 0; i < 500; i++)); do
+    a=DM$((2000 + i))
+    [ "${values[i]}" = $((i + 1)) ] && continue
+    grep -q "^kv3000-host: write $a failed: 1#$a(1)\$" "$WORK/err" || fail "$a lost silently: the simulator has ${values[i]}"
+    grep -q "^wrote $a = " "$WORK/out" && fail "$a reported written but the simulator has ${values[i]}"
+done
+
+# A recipe comes back unchanged on upload; rows naming a unit twice are refused; no controller is exit 1.
+sim_start --listen 127.0.0.1:0
+printf 'DM300,1,2,3\n# timers\nTC20,100000\nTS21,5,6\nW10,65535\nZ2,4000000000\nMR_bit10.05,1\nR5.03,1,0,1\n' >"$WORK/down.csv"
+expect_exit 0 "$HOST" $T recipe-download "$WORK/down.csv"
+expect_in "$WORK/out" "recipe downloaded: 7 row(s), 12 value(s)"
+while read -r address values; do sim_is "$address" "$values"; done <<'EOF2'
+DM300:3 1,2,3
+TC20 100000
+TS22 6
+W10 65535
+Z2 4000000000
+MR_bit10.05 1
+R5.03:3 1,0,1
+EOF2
+
+printf 'DM300:3\nTC20\nTS21:2\nW10\nZ2\nMR_bit10.05\nR5.03:3\n' >"$WORK/up.csv"
+cp "$WORK/up.csv" "$WORK/up.orig"
+sim_set DM301 42
+sed 's/^DM300,1,2,3/DM300,1,42,3/; /^#/d' "$WORK/down.csv" >"$WORK/want.csv"
+expect_exit 0 "$HOST" $T recipe-upload "$WORK/up.csv"
+diff "$WORK/want.csv" "$WORK/out" >&2 || fail "the uploaded recipe on standard output differs"
+cmp -s "$WORK/up.csv" "$WORK/up.orig" || fail "recipe-upload changed its input"
+expect_exit 0 "$HOST" $T recipe-upload "$WORK/up.csv" --output "$WORK/got.csv"
+diff "$WORK/want.csv" "$WORK/got.csv" >&2 || fail "the uploaded recipe in --output differs"
+[ "$(grep -vc '^summary: ' "$WORK/out")" = 1 ] && expect_in "$WORK/out" "recipe uploaded: 7 row(s) written to $WORK/got.csv" ||
+    fail "with --output, standard output holds more than its line: $(cat "$WORK/out")"
+
+printf 'DM100,1\nDM100,2\n' >"$WORK/twice.csv"
+printf '# overlapping\nDM100,5\nDM99:3,7,8,9\n' >"$WORK/over.csv"
+printf 'DM_bit100.05,1\nDM100,0\n' >"$WORK/bit.csv"
+printf 'DM100;1\n' >"$WORK/semi.csv"
+printf 'DM100:3\n' >"$WORK/none.csv"
+expect_refusals 2 "$HOST" $T <<EOF2
+recipe-download $WORK/twice.csv|twice.csv:2: DM100 and line 1 (DM100) both name DM100; a recipe transfers each unit from one row only
+recipe-download $WORK/over.csv|over.csv:3: DM99:3 and line 2 (DM100) both name DM100
+recipe-upload $WORK/over.csv|over.csv:3: DM99:3 and line 2 (DM100) both name DM100
+recipe-download $WORK/bit.csv|bit.csv:2: DM100 and line 1 (DM_bit100.05) both name DM100
+recipe-download $WORK/semi.csv|semi.csv:1: expected comma-separated fields, found ';'
+recipe-download $WORK/none.csv|none.csv:1: DM100:3 has no value
+EOF2
+sim_is DM99:3 0,0,0
+sim_stop
+expect_exit 1 "$HOST" $T recipe-upload "$WORK/up.csv"
 finish

@@ -1,6 +1,4 @@
-# serve: values appear and follow the simulator, writes with the token land
-# in its memory, every refusal gives its status and the command line's
-# sentence, a change reaches a live stream, and SIGTERM ends it promptly.
+# serve: values, writes with the token, each refusal's status and sentence, a live stream, SIGTERM, a browser.
 source "$(dirname "$0")/lib.sh" "$@"
 sim_start --listen 127.0.0.1:0
 sim_set DM5 11
@@ -101,8 +99,7 @@ done <<'EOF2'
 EOF2
 sim_is DM100 1234
 
-# Relay bits take a driver queue item each: 12 x 64 of them are more than its
-# 513, so parallel writes wait for room rather than push each other out.
+# 12 x 64 relay bits are more items than the driver's queue (513): parallel writes wait for room, none is lost.
 writers=()
 for ((i = 0; i < 12; i++)); do
     curl -s -o /dev/null -w '%{http_code}\n' -H "Authorization: Bearer $TOKEN" -H "Origin: $URL" \
@@ -113,8 +110,7 @@ wait "${writers[@]}"
 [ "$(cat "$WORK"/w*.code | sort -u)" = 200 ] || fail "parallel writes: $(cat "$WORK"/w*.code | sort | uniq -c)"
 [ "$(sim_get R100.00:768 | sort -u)" = 1 ] || fail "a relay bit of a write answered 200 did not reach the controller"
 
-# A change reaches a live stream (many streams, stalled and leaving clients:
-# tests/stress, stress_serve); SIGTERM with the stream open ends all within 5 s.
+# A change reaches a live stream (many streams: stress_serve); SIGTERM with the stream open ends all within 5 s.
 run_bg stream curl -sN "$URL/api/events"
 until_api /api/stats '.streams == 1'
 sim_set DM5 1020
@@ -124,4 +120,14 @@ stop_bg $SERVE TERM
 elapsed=$((($(date +%s%N) - start) / 1000000))
 [ "$elapsed" -lt 5000 ] || fail "serve took $elapsed ms to stop"
 expect_in "$WORK/main" "summary: "
+
+# The page in headless Chromium (serve_browser.py); the screenshot is kept as build/tests/e2e/serve.png.
+for tool in /usr/bin/chromium /usr/bin/chromedriver; do
+    [ -x "$tool" ] || { fail "$tool is missing (scripts/dev.sh installs chromium and chromium-driver)"; finish; }
+done
+sim_start --listen 127.0.0.1:0 --live
+serve_start browser --allow-writes DM0 DM1 T0 TC0 R0.00 DM100
+timeout 90 /usr/bin/python3 "$(dirname "$0")/serve_browser.py" "$URL" "$TOKEN" "$PWD/serve.png" || fail "the browser test failed"
+sim_is DM100 1234
+stop_bg $SERVE TERM
 finish

@@ -1,8 +1,4 @@
-# pymodbus clients of kv3000-host gateway, for e2e_gateway.sh. The simulator's
-# console is on the inherited descriptors 7 (commands) and 8 (answers).
-#   cases PORT         every function and exception against the maps of e2e_gateway.sh
-#   readonly PORT      a gateway without --allow-writes: writes are illegal functions
-#   down PORT          a gateway whose controller never answers: reads 11, a write 4
+# gateway_clients.py cases|readonly|down PORT: pymodbus against the gateway (simulator console on fds 7, 8).
 import logging
 import os
 import socket

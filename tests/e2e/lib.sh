@@ -1,7 +1,4 @@
-# Helpers for the end-to-end scripts: run kv3000-sim with its console on a
-# pair of FIFOs, run kv3000-host, and check what it prints and returns.
-# Usage in a script: source lib.sh "$@"; then HOST and SIM are the programs.
-# Nothing waits a fixed time: every wait polls, with a timeout.
+# e2e helpers (source lib.sh "$@": HOST, SIM). Nothing waits a fixed time: every wait polls, with a timeout.
 set -u
 HOST=$1
 SIM=$2
@@ -17,8 +14,9 @@ fail() { echo "FAIL: $*" >&2; FAILED=1; }
 
 finish() { [ "$FAILED" = 0 ] && { echo "1 passed, 0 failed"; exit 0; } || { echo "0 passed, 1 failed"; exit 1; }; }
 
-# sim_start ARGS...: starts the simulator; sets SIM_PORT, T (--tcp to it) and SIM_PTY (with --pty).
+# sim_start ARGS...: (re)starts the simulator; sets SIM_PORT, T (--tcp to it) and SIM_PTY (with --pty).
 sim_start() {
+    sim_stop
     rm -f "$WORK/sim.in" "$WORK/sim.out"
     mkfifo "$WORK/sim.in" "$WORK/sim.out"
     "$SIM" "$@" <"$WORK/sim.in" >"$WORK/sim.out" 2>"$WORK/sim.err" &
@@ -29,10 +27,7 @@ sim_start() {
     SIM_PORT=${line##*:}
     T="--tcp 127.0.0.1:$SIM_PORT"
     SIM_PTY=
-    if [[ " $* " == *" --pty "* ]]; then
-        read -r -t 10 line <&8
-        SIM_PTY=${line#serial on }
-    fi
+    [[ " $* " == *" --pty "* ]] && read -r -t 10 line <&8 && SIM_PTY=${line#serial on }
 }
 
 # sim_stop: quits the simulator and waits for it.
@@ -64,27 +59,30 @@ sim_is() {
     [ "$got" = "$2" ] || fail "the simulator holds $1 = $got, expected $2"
 }
 
+# sim_stats: the simulator's "stats" lines (a get after them marks their end).
+sim_stats() {
+    echo stats >&7 && echo get DM0 >&7
+    local line
+    while read -r -t 10 line <&8 && [[ $line != "DM0 "* ]]; do echo "$line"; done
+}
+
 # sim_set ADDR VALUE...: the simulator answers "ok".
 sim_set() { echo "set $*" >&7 && read -r -t 10 line <&8 && [ "$line" = ok ] || fail "simulator: set $*: $line"; }
 
 # expect_exit CODE CMD...: runs CMD, output in $WORK/out and $WORK/err.
 expect_exit() {
-    local want=$1
-    shift
-    "$@" >"$WORK/out" 2>"$WORK/err"
+    "${@:2}" >"$WORK/out" 2>"$WORK/err"
     local got=$?
-    if [ "$got" != "$want" ]; then
-        fail "'$*' exited $got, expected $want"
-        sed 's/^/  out: /' "$WORK/out" | head -20 >&2
-        sed 's/^/  err: /' "$WORK/err" | head -20 >&2
-    fi
+    [ "$got" = "$1" ] && return
+    fail "'${*:2}' exited $got, expected $1"
+    sed 's/^/  out: /' "$WORK/out" | head -20 >&2
+    sed 's/^/  err: /' "$WORK/err" | head -20 >&2
 }
 
 # expect_grep FLAGS FILE TEXT...: grep -qFLAGS finds each TEXT in FILE.
 expect_grep() {
     local flags=$1 file=$2 text
-    shift 2
-    for text in "$@"; do
+    for text in "${@:3}"; do
         grep "-q$flags" -- "$text" "$file" || {
             fail "no '$text' in $(basename "$file")"
             head -40 "$file" | sed 's/^/  | /' >&2
@@ -94,14 +92,12 @@ expect_grep() {
 # expect_in FILE TEXT...: FILE has a line containing each TEXT.
 expect_in() { expect_grep F "$@"; }
 
-# expect_refusals CODE CMD...: each line of stdin is "ARGS|SENTENCE": CMD ARGS
-# exits CODE and says SENTENCE on stderr.
+# expect_refusals CODE CMD...: for each stdin line ARGS|SENTENCE, CMD ARGS exits CODE saying SENTENCE on stderr.
 expect_refusals() {
-    local code=$1 args sentence
-    shift
+    local args sentence
     while IFS='|' read -r args sentence; do
         # shellcheck disable=SC2086
-        expect_exit "$code" "$@" $args </dev/null
+        expect_exit "$1" "${@:2}" $args </dev/null
         expect_in "$WORK/err" "$sentence"
     done
 }
@@ -109,8 +105,7 @@ expect_refusals() {
 # poll SECONDS CMD...: runs CMD every 50 ms until it succeeds; false after SECONDS.
 poll() {
     local end=$((SECONDS + $1))
-    shift
-    until "$@"; do
+    until "${@:2}"; do
         [ "$SECONDS" -le "$end" ] || return 1
         sleep 0.05
     done

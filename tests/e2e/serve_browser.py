@@ -1,8 +1,5 @@
-"""The page of kv3000-host serve in headless Chromium, for e2e_serve_browser.sh:
-a live value changes on screen, DM100 is written through the form, a bad
-value shows the host's refusal beside its input, and a screenshot is saved.
-
-usage: serve_browser.py URL TOKEN SCREENSHOT.png"""
+"""serve_browser.py URL TOKEN SCREENSHOT.png (e2e_serve.sh): the page of serve in headless Chromium:
+a live value changes, a bad value shows the refusal beside its input, DM100 is written, a screenshot kept."""
 import statistics
 import sys
 import tempfile

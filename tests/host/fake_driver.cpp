@@ -1,10 +1,6 @@
-// A library that looks like a driver but lacks most exports: the loader
-// must refuse it and name what is missing.
+// A library that looks like a driver but lacks most exports: the loader must refuse it and name them.
 #include "kv3000_intf.h"
 
 QString intf_getVersion() {
     return QStringLiteral("0.0");
-}
-void intf_getProtocolType(int* type) {
-    *type = 0;
 }

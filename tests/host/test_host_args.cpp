@@ -1,7 +1,4 @@
-// What the host checks before it sends anything: the driver it loads, the
-// addresses and values on its command line, link settings.
-// The messages that e2e_usage.sh and e2e_recipe.sh already check through the
-// built program are not repeated here.
+// The host's checks before it sends anything: driver, addresses, values, link settings (not e2e_usage's).
 #include "address.h"
 #include "commands.h"
 #include "driver_loader.h"
@@ -32,9 +29,8 @@ TEST(DriverLoader, RefusesALibraryWithoutEveryExportAndNamesTheMissingOnes) {
     DriverApi api;
     std::string error;
     EXPECT_FALSE(loadDriver(KV3000_FAKE_DRIVER_PATH, api, &error));
-    EXPECT_NE(error.find("lacks the export(s)"), std::string::npos) << error;
-    EXPECT_NE(error.find("intf_getSendFrame"), std::string::npos);
-    EXPECT_NE(error.find("intf_addConditionRead"), std::string::npos);
+    for (const char* part : {"lacks the export(s)", "intf_getSendFrame", "intf_addConditionRead"})
+        EXPECT_NE(error.find(part), std::string::npos) << error;
     EXPECT_EQ(error.find("intf_getVersion"), std::string::npos);
     EXPECT_EQ(api.getVersion, nullptr);
     const std::vector<std::string> c = defaultDriverCandidates("/opt/kv/bin");  // beside the program first
@@ -83,7 +79,6 @@ TEST_F(HostArgs, BadAddressesAndValuesSayWhatIsWrong) {
         {"TRM1x", "TRM1x: malformed address \"1x\" for TRM (decimal, e.g. TRM7)"},
         {"DM99999999999", "DM99999999999: out of range: DM addresses run from 0 to 65535"},
         {"DM1:9999999", "DM1:9999999: count 9999999 is too large (at most 512 for DM)"},
-        // ADDR=VALUE
         {"DM100:3=1,2", "DM100:3=1,2: 2 values for 3 units (give one for all, or one per unit)"},
         {"R5.03=2", "R5.03=2: value 2 is out of range for R (a bit: 0 or 1)"},
         {"DM5=99999999999999999999",
@@ -137,9 +132,7 @@ TEST(LinkSettings, SerialParametersTheirTimingAndTcpEndpoints) {
 
     // 9600 baud, 8E1 = 11 bits a character: 17 bytes take 19.479 ms, plus the margin.
     HostOptions o;
-    o.link = HostOptions::LinkKind::Serial;
-    o.serialDevice = "/dev/null";
-    o.timeoutMs = 100;
+    o.link = HostOptions::LinkKind::Serial, o.serialDevice = "/dev/null", o.timeoutMs = 100;
     const std::unique_ptr<Link> serial = makeLink(o, 0);
     EXPECT_EQ(serial->replyTimeout(17), 19479 + 100000);
     EXPECT_FALSE(serial->silenceMeansLost());  // a quiet line is not a lost device

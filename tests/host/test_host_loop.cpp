@@ -1,15 +1,16 @@
-// The communication loop against a fake link, a fake clock and a scripted
-// driver: exact timing, reply timeouts, reconnects with backoff, stale bytes;
-// and the trace lines and summary built from its exchanges.
+// The loop against a scripted link and driver on a clock that moves only when the loop waits (no sleeping):
+// timing, reply timeouts, reconnects with backoff, stale bytes; the trace and summary of its exchanges.
 #include "comm_loop.h"
-#include "fake_link.h"
+#include "link.h"
 #include "stats.h"
 #include "trace.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -18,9 +19,92 @@ using Bytes = std::vector<uint8_t>;
 
 namespace {
 
-// A driver stand-in: hands out its frames in order, accepts a reply of the
-// expected length that starts with 06, abandons a frame after `retryLimit`
-// rejections (result 2), and asks for a retry (8) before that.
+class FakeClock : public Clock {
+public:
+    Micros now() override { return now_; }
+    void sleepFor(Micros us) override { now_ += std::max<Micros>(us, 0), slept += std::max<Micros>(us, 0); }
+    void advance(Micros us) { now_ += us; }
+    Micros slept = 0;
+
+private:
+    Micros now_ = 1000000;  // not 0, so that "time 0" bugs show
+};
+
+class FakeLink : public Link {
+public:
+    struct Answer {  // what the peer does with the next frame sent
+        std::vector<uint8_t> bytes;
+        Micros delay = 0;    // after the send
+        bool close = false;  // close the connection after the bytes
+    };
+    explicit FakeLink(FakeClock& clock) : clock_(clock) {}
+
+    std::deque<bool> openResults;  // empty: opens succeed
+    std::deque<Answer> answers;    // empty: no answer at all
+    std::vector<Micros> openTimes;
+    std::vector<std::vector<uint8_t>> sent;
+    int flushedBytes = 0;
+    Micros timeout = 500000;
+    Micros sendTakes = 0;     // how long a send blocks (a serial line drains)
+    bool silenceLost = true;  // a network link: silence means a dead connection
+
+    std::string describe() const override { return "fake"; }
+    std::string peer() const override { return "fake"; }
+    bool silenceMeansLost() const override { return silenceLost; }
+    Micros replyTimeout(int) const override { return timeout; }
+    bool isOpen() const override { return open_; }
+    void close() override { open_ = false, pending_.clear(); }
+    bool open(std::string* error) override {
+        openTimes.push_back(clock_.now());
+        open_ = openResults.empty() || openResults.front();
+        if (!openResults.empty()) openResults.pop_front();
+        if (!open_ && error) *error = "refused";
+        pending_.clear();
+        return open_;
+    }
+    void flushInput() override {
+        for (; !pending_.empty() && pending_.front().at <= clock_.now(); pending_.pop_front(), ++flushedBytes)
+            if (pending_.front().closeMark) return close();
+    }
+    bool send(const uint8_t* bytes, size_t n, std::string* error) override {
+        if (!open_) return *error = "not connected", false;
+        sent.emplace_back(bytes, bytes + n);
+        clock_.advance(sendTakes);
+        if (answers.empty()) return true;
+        const Answer a = answers.front();
+        answers.pop_front();
+        for (uint8_t b : a.bytes) pending_.push_back({clock_.now() + a.delay, b, false});
+        if (a.close) pending_.push_back({clock_.now() + a.delay, 0, true});
+        return true;
+    }
+    long receive(uint8_t* buffer, size_t n, Micros wait) override {
+        if (!open_) return -1;
+        if (pending_.empty() || pending_.front().at > clock_.now() + wait) return clock_.advance(wait), 0;
+        clock_.advance(std::max<Micros>(pending_.front().at - clock_.now(), 0));
+        size_t got = 0;
+        for (; got < n && !pending_.empty() && pending_.front().at <= clock_.now(); pending_.pop_front()) {
+            if (pending_.front().closeMark) {
+                if (got > 0) break;
+                return close(), -1;
+            }
+            buffer[got++] = pending_.front().byte;
+        }
+        return static_cast<long>(got);
+    }
+
+private:
+    struct Pending {
+        Micros at;
+        uint8_t byte;
+        bool closeMark;
+    };
+    FakeClock& clock_;
+    bool open_ = false;
+    std::deque<Pending> pending_;
+};
+
+// A driver stand-in: hands out its frames in order, accepts a reply of the expected length that starts
+// with 06, abandons a frame after `retryLimit` rejections (result 2), and asks for a retry (8) before that.
 struct Driver {
     static inline std::deque<FRAME_PRO> frames;
     static inline std::vector<QByteArray> replies;
@@ -223,8 +307,7 @@ TEST_F(Loop, ConnectNowIgnoresTheBackoffOnce) {
     EXPECT_EQ(link.openTimes.size(), 1u);
 }
 
-// What the trace says of requests and replies the e2e scripts cannot make
-// (e2e_roundtrip.sh checks the rest through the real driver and simulator).
+// What the trace says of requests and replies the e2e scripts cannot make (e2e_roundtrip.sh: the rest).
 TEST(Trace, MalformedRequestsAndRejectedReplies) {
     const Bytes cut = {0x06, 1, 0, 0xFF, 0x20, 0x1E, 0x00}, odd = {0x42};
     EXPECT_EQ(describeRequest(cut.data(), cut.size()), "truncated request");
@@ -241,9 +324,7 @@ TEST(Trace, MalformedRequestsAndRejectedReplies) {
 TEST(Summary, CountsWhatWasRetriedAndWhatFinallyFailed) {
     Stats s;
     FRAME_PRO write = frame({1, 2, 3, 4}, 10), cyclic = frame({1, 2, 3, 4}, 10);
-    write.id = 1000;
-    cyclic.id = KV_CYCLIC_READ_ID;
-    cyclic.elementCount = 1;
+    write.id = 1000, cyclic.id = KV_CYCLIC_READ_ID, cyclic.elementCount = 1;
     auto record = [&](FRAME_PRO& f, int result, const char* message, Micros roundTrip = 10 * kMs) {
         Exchange ex = exchange(&f, 10, result, message, QByteArray(10, 'x'));
         ex.roundTrip = roundTrip;
@@ -257,8 +338,7 @@ TEST(Summary, CountsWhatWasRetriedAndWhatFinallyFailed) {
     record(cyclic, KV_DEAL_ABANDONED, "1#DM0(1)");  // abandoned, read on the next pass
     record(cyclic, KV_DEAL_ACCEPTED, "1#DM0(1)");
     record(cyclic, KV_DEAL_ABANDONED, "1#DM5(1)");  // abandoned, not read since
-    s.recordLink(LinkEvent::Connected);
-    s.recordLink(LinkEvent::Connected);
+    for (int i = 0; i < 2; ++i) s.recordLink(LinkEvent::Connected);
     EXPECT_EQ((std::vector<uint64_t>{s.frames(), s.transactions(), s.repeats(), s.retried(), s.failed(),
                                      s.bytesSent(), s.bytesReceived(), s.reconnects()}),
               (std::vector<uint64_t>{26, 24, 2, 2, 2, 104, 260, 1}));

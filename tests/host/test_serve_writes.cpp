@@ -1,6 +1,5 @@
-// How a web write ends, from the frames the loop sees: its own frames, and
-// the condition read queued behind it that the driver starts only once no
-// write waits.
+// How a web write ends, from its frames and the condition read queued behind it (started once no write
+// waits).
 #include "serve_writes.h"
 
 #include <gtest/gtest.h>
@@ -12,11 +11,7 @@ namespace {
 
 class Tracker : public ::testing::Test {
 protected:
-    Tracker() {
-        reg_.name = QStringLiteral("DM");
-        dm100_.reg = &reg_;
-        dm100_.address = 100;
-    }
+    Tracker() { reg_.name = QStringLiteral("DM"), dm100_.reg = &reg_, dm100_.address = 100; }
     static std::chrono::steady_clock::time_point soon() {
         return std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
     }
@@ -28,9 +23,7 @@ protected:
         FRAME_PRO f;
         f.id = id;
         Exchange ex;
-        ex.frame = &f;
-        ex.result = result;
-        ex.message = QLatin1String(message);
+        ex.frame = &f, ex.result = result, ex.message = QLatin1String(message);
         t_.observe(ex);
     }
     int barrier() {  // the condition read the loop queues behind the writes

@@ -1,9 +1,5 @@
 #!/usr/bin/env bash
-# Makes the Debian packages of a build tree with cpack and checks them: lintian
-# finds no error (and no man page that groff complains of), each package holds
-# exactly its files, and, unpacked with dpkg -x into a scratch root, the tools
-# run, a program builds against libkv3000-dev (consume.sh) and man renders
-# each page.
+# The Debian packages of a build tree: lintian, exact file lists; unpacked, tools, consumer and man pages work.
 #   check_package.sh <cpack> <cmake> <c++ compiler> <build dir> <source dir> <install prefix> <multiarch>
 set -uo pipefail
 cpack=$1 cmake=$2 cxx=$3 build=$4 src=$5 prefix=$6 ma=$7
@@ -17,16 +13,10 @@ done
 work=$(mktemp -d "${TMPDIR:-/tmp}/kv3000-package.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 failed=0
-fail() {
-    echo "FAIL: $*" >&2
-    failed=1
-}
+fail() { echo "FAIL: $*" >&2; failed=1; }
 
-"$cpack" --config "$build/CPackConfig.cmake" -B "$work/debs" >"$work/cpack.log" 2>&1 || {
-    cat "$work/cpack.log" >&2
-    echo "FAIL: cpack" >&2
-    exit 1
-}
+"$cpack" --config "$build/CPackConfig.cmake" -B "$work/debs" >"$work/cpack.log" 2>&1 ||
+    { cat "$work/cpack.log" >&2; echo "FAIL: cpack" >&2; exit 1; }
 version=$(dpkg-parsechangelog -l "$src/cmake/debian/changelog" -S Version)
 
 lintian --tag-display-limit 0 "$work"/debs/*.deb >"$work/lintian.log" 2>&1
@@ -50,18 +40,14 @@ for pkg in "${!expected[@]}"; do
     # shellcheck disable=SC2206
     want=(${expected[$pkg]} "usr/share/doc/$pkg/copyright" "usr/share/doc/$pkg/changelog.Debian.gz")
     set +f
+    declare -A matched=()
     # shellcheck disable=SC2053 # matched as patterns
-    for w in "${want[@]}"; do
-        n=0
-        for f in "${has[@]}"; do [[ $f == $w ]] && n=1; done
-        [ $n = 1 ] || fail "$pkg lacks $w"
-    done
-    # shellcheck disable=SC2053
     for f in "${has[@]}"; do
-        n=0
-        for w in "${want[@]}"; do [[ $f == $w ]] && n=1; done
-        [ $n = 1 ] || fail "$pkg holds an unexpected $f"
+        m=
+        for w in "${want[@]}"; do [[ $f == $w ]] && m=1 && matched[$w]=1; done
+        [ -n "$m" ] || fail "$pkg holds an unexpected $f"
     done
+    for w in "${want[@]}"; do [ -n "${matched[$w]:-}" ] || fail "$pkg lacks $w"; done
     dpkg-deb -x "$deb" "$work/root"
 done
 deps=$(dpkg-deb -f "$work/debs/kv3000-tools_${version}_"*.deb Depends)
@@ -80,7 +66,7 @@ echo "== the unpacked libkv3000-dev"
 # The .pc file names /usr; here the prefix is the scratch root.
 mkdir -p "$work/pc"
 sed "s|^prefix=.*|prefix=$root/usr|" "$root/usr/lib/$ma/pkgconfig/kv3000.pc" >"$work/pc/kv3000.pc"
-bash "$src/tests/install/consume.sh" "$cmake" "$cxx" "$root/usr" "$work/pc" "$src/tests/install/consumer" ||
+bash "$src/tests/install/check_install.sh" --consume "$cmake" "$cxx" "$root/usr" "$work/pc" "$src/tests/install/consumer" ||
     fail "consumer of the unpacked libkv3000-dev"
 
 echo "== man pages"

@@ -1,15 +1,5 @@
-// Threads against one driver, for the ThreadSanitizer build (any build runs
-// it). Each mode loads the driver as the host does, runs the host's loop on
-// the main thread against the embedded simulator, and is bounded by a watchdog.
-//   threads  two screens writing, reading and condition-reading random units, a thread
-//            re-registering addresses and recipes and requesting recipe transfers, a change
-//            callback calling back in; at the end the data area shows the controller's memory.
-//   serve    40 event streams, 6 readers, 4 writers, a stream never read, a client that leaves,
-//            a hub subscriber that never takes: every write 200 and held, every stream changed.
-//   gateway  20 libmodbus clients reading and writing, one never reading its answers, one
-//            leaving mid-request: all answered, last writes held, the live DM0 never going back.
-// serve and gateway must keep the loop's pace (values change every 100 ms, a pass is due every
-// 50 ms): a loop held up by its clients falls far below 20 transactions/s.
+// Threads against one driver and the host's loop on the embedded simulator, for ThreadSanitizer (each mode:
+// README.md, "Threading checks"); serve and gateway must keep the loop's pace (20 transactions/s at least).
 #include "address.h"
 #include "driver_loader.h"
 #include "gateway.h"
@@ -46,8 +36,7 @@ std::atomic<bool> stopLoop{false};
 std::atomic<int> bad{0};  // requests not answered as they must be
 
 [[noreturn]] void fail(const std::string& what) {
-    std::fprintf(stderr, "stress: %s\n", what.c_str());
-    std::fflush(stderr);
+    std::fprintf(stderr, "stress: %s\n", what.c_str());  // stderr is unbuffered
     std::abort();
 }
 
@@ -72,8 +61,6 @@ void expectHeld(Session& s, int address, uint32_t value) {
     if (!held || *held != value)
         std::fprintf(stderr, "stress: DM%d holds %u, not %u\n", address, held ? *held : 0u, value), ++bad;
 }
-
-// ---- threads ----
 
 struct Area {
     const char* reg;
@@ -106,22 +93,19 @@ void screen(const DriverApi& api) {
         KEY_ADDRESS k = randomKey(4);
         unsigned char data[16];
         const int dice = pick(10);
-        if (dice < 4) {
-            for (unsigned char& d : data) d = static_cast<unsigned char>(pick(k.dataType < 0 ? 2 : 256));
+        for (unsigned char& d : data) d = static_cast<unsigned char>(pick(k.dataType < 0 ? 2 : 256));
+        if (dice < 4)
             api.setData(0, &k.reg, k.address, k.length, data, op);
-        } else if (dice < 8) {
+        else if (dice < 8)
             api.getData(0, k.reg, k.address, k.length, data);
-        } else {
+        else
             api.addConditionRead(k, op);
-        }
         std::this_thread::sleep_for(std::chrono::microseconds(100 + pick(200)));  // spread over transactions
     }
 }
 
-// A recipe transfer the registration thread wants: 1 download, 2 upload. The
-// loop thread sets the request byte, as the host's recipe commands do (a byte
-// set elsewhere is ordered by the runtime's mutex, which TSan cannot see), and
-// clears this once the driver has served it.
+// A recipe transfer the registration thread wants: 1 download, 2 upload. The loop thread sets the request
+// byte, as the host does (TSan cannot see the runtime's mutex order it), and clears this once served.
 std::atomic<int> recipeAsked{0};
 
 void registrations(Session& s) {
@@ -228,16 +212,8 @@ void threads(Session& s) {
                 callbackWrites.load());
 }
 
-// ---- serve and gateway: the loop runs until stopLoop; they return transactions/s ----
-
-double timed(Session& s, const std::function<void()>& run) {
-    const auto started = std::chrono::steady_clock::now();
-    run();
-    return s.stats().transactions() /
-           std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-}
-
-double serve(Session& s, const Catalogue& catalogue) {
+// serve and gateway: the loop runs until stopLoop.
+void serve(Session& s, const Catalogue& catalogue) {
     constexpr int kStreams = 40, kReaders = 6, kWriters = 4, kWritesEach = 25;
     std::vector<Address> addresses;
     for (const char* text : {"DM0", "DM1", "T0", "TC0", "R0.00", "DM100:4", "MR_bit10.05"}) {
@@ -311,7 +287,7 @@ double serve(Session& s, const Catalogue& catalogue) {
         while (readersDone < kReaders) std::this_thread::sleep_for(10ms);
         stopLoop = true;
     });
-    const double tps = timed(s, [&] { app.run(); });
+    app.run();
     conductor.join();
     for (std::thread& t : clients) t.join();
     close(slow);
@@ -321,10 +297,9 @@ double serve(Session& s, const Catalogue& catalogue) {
     if (EventHub::dropped(stalled) == 0)
         std::fprintf(stderr, "stress: the stalled subscriber lost nothing\n"), ++bad;
     std::printf("%lu messages dropped by the stalled subscriber; ", EventHub::dropped(stalled));
-    return tps;
 }
 
-double gateway(Session& s, const Catalogue& catalogue) {
+void gateway(Session& s, const Catalogue& catalogue) {
     constexpr int kClients = 20, kRequestsEach = 300;  // every tenth a write
     std::vector<GatewayMap> maps;
     for (const char* text : {"DM0:100=hr0", "TC0:4=ir0", "R0.00:16=co0", "T0:8=di0"}) {
@@ -377,11 +352,10 @@ double gateway(Session& s, const Catalogue& catalogue) {
         stopLoop = true;
         close(stalled);
     });
-    const double tps = timed(s, [&] { gw.run(); });
+    gw.run();
     conductor.join();
     for (int k = 0; k < kClients; ++k) expectHeld(s, 20 + k, static_cast<uint32_t>(1000 * k + kRequestsEach));
     std::printf("%s; ", gw.summary().c_str());
-    return tps;
 }
 
 }  // namespace
@@ -409,7 +383,10 @@ int main(int argc, char** argv) {
     if (mode == "threads") {
         threads(session);
     } else {
-        const double tps = mode == "serve" ? serve(session, catalogue) : gateway(session, catalogue);
+        const auto started = std::chrono::steady_clock::now();
+        mode == "serve" ? serve(session, catalogue) : gateway(session, catalogue);
+        const double tps = session.stats().transactions() /
+                           std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
         std::printf("%.1f transactions/s\n", tps);
         if (tps < 20) std::fprintf(stderr, "stress: the loop made only %.1f transactions/s\n", tps), ++bad;
     }

@@ -22,7 +22,7 @@ local kv = Proto("kv3000", "KV-3000 link")
 -- the bytes one counted unit takes in a read reply (R and B are read in words
 -- of 16 bits, T and C as nine-byte timer/counter records), and how its
 -- addresses are written. The same rules as include/kv3000_traits.h derives
--- from the catalogue; tests/e2e/e2e_capture_dissector.sh compares the two.
+-- from the catalogue; tests/e2e/e2e_capture.sh compares the two.
 local AREAS = {
     [0] = { name = "R", unit = 2, bits = true, notation = "wordbit" },
     [1] = { name = "CR", unit = 2, relay = true },
