@@ -509,7 +509,7 @@ TEST(Capture, FilesThatAreNotCapturesOfTheLinkAreRefused) {
         }
         pcap_dump_close(d), pcap_close(dead);
         EXPECT_NE(exchanges(file.path).find(reason), std::string::npos) << reason;
-    }  // files that cannot be read or written: e2e_capture_replay.sh, e2e_capture_decode.sh
+    }  // files that cannot be read or written: e2e_capture.sh
 }
 
 // A replay answers each occurrence in recorded order, then from memory (a write lands there even
