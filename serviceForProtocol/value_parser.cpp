@@ -263,35 +263,38 @@ __attribute__((noinline)) bool storeWords(const unsigned char* field, const Bloc
             continue;
         }
         // Few values live across the callback, so that they stay in registers.
-        _DATA_* area = driver.dataArea.data();
+        _DATA_* const area = driver.dataArea.data();
         const uint64_t version = driver.dataAreaVersion;
         const int* position = positions + i;
         const int* const end = positions + count;
         // Consecutive entries are walked without their positions.
         _DATA_* next = units.consecutive() ? area + *position : nullptr;
-        for (const unsigned char* word = field + 2 * i; position != end; ++position, word += 2) {
+        const unsigned char* word = field + 2 * i;
+        for (; position != end; ++position, word += 2) {
             _DATA_& entry = next ? *next++ : area[*position];
             const unsigned char high = word[0];
             const unsigned char low = word[1];
             if (entry.readValue[0] == low && entry.readValue[1] == high) continue;
+            const int at = *position;  // read before the reports, which may forget the positions
             if ((entry.monitorBits | entry.bitWriteFlags) == 0) {  // the common case, in line
                 entry.writeValid = 0;
                 if (entry.monitorFlags & 1u) reportValueChange(entry.station, keyName, entry.address);
             } else {
-                reportWordChange(entry, *position, entry.readValue[0] | entry.readValue[1] << 8,
-                                 high << 8 | low, keyName, keyIndex);
+                reportWordChange(entry, at, entry.readValue[0] | entry.readValue[1] << 8, high << 8 | low,
+                                 keyName, keyIndex);
             }
             if (driver.dataAreaVersion != version) {
+                // The reports moved the entries or forgot the positions: both are fetched again.
                 if (driver.initEpoch != epoch) return false;
-                _DATA_& moved = driver.dataArea[*position];
+                _DATA_& moved = driver.dataArea[at];
                 moved.readValue[0] = low;
                 moved.readValue[1] = high;
-                break;  // the positions are fetched again
+                break;
             }
             entry.readValue[0] = low;
             entry.readValue[1] = high;
         }
-        i = static_cast<int>(position - positions);
+        i = static_cast<int>((word - field) / 2);
     }
     return true;
 }

@@ -6,7 +6,8 @@
 //                elements, block
 //   "" is an empty text; "verb A ; B" runs verb A and verb B; "repeat N FROM STEP" runs STEP with
 //   {i} = FROM .. FROM+N-1. An export's result that is not its documented 1 is printed first.
-// Runtime: init PARAMS|- · info · callback record|none|reinit|readback|grow|cread KEY|norecipe ·
+// Runtime: init PARAMS|- · info · callback record|none|reinit|readback|grow|cread KEY|remonitor KEY|norecipe
+// ·
 //   monitor KEYS · write KEY [BYTES|null] · cread KEY [t=TYPE] · recipe ENTRIES [p=ID] (= count:
 //   blocks | first entries) · get KEY [size=N] (+ bytes written past N) · request [W R] · rset OFF
 //   WORDS · rget OFF N · calls · log · driver (= state retries commError sendCount handshake
@@ -232,6 +233,12 @@ const std::map<std::string, ValueChangeCallBack> kCallbacks = {
      [](int, int station, const QString&, int) {
          unsigned char b[128];
          intf_getData(station, "DM", 30000 + 64 * rt.grown++, 64, b);
+     }},
+    {"remonitor",  // records, and at its first report registers KEY anew
+     [](int context, int station, const QString& name, int address) {
+         record(context, station, name, address);
+         QList<KEY_ADDRESS> keys{std::exchange(rt.callbackKey, KEY_ADDRESS())};
+         if (keys[0].length) intf_addrMerge(keys);
      }},
     {"cread",
      [](int context, int, const QString&, int) {
