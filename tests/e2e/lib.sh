@@ -27,7 +27,7 @@ sim_start() {
     SIM_PORT=${line##*:}
     T="--tcp 127.0.0.1:$SIM_PORT"
     SIM_PTY=
-    [[ " $* " == *" --pty "* ]] && read -r -t 10 line <&8 && SIM_PTY=${line#serial on }
+    [[ " $* " == *" --pty "* ]] && read -r -t 10 line <&8 && SIM_PTY=${line#serial on } || true
 }
 
 # sim_stop: quits the simulator and waits for it.
