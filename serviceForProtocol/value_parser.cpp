@@ -237,17 +237,85 @@ void reportWordChange(_DATA_& entry, int at, int old, int fresh, const QString& 
         reportValueChange(entry.station, keyName, entry.address);
 }
 
+// Stores word `fresh` of a reply as an entry's read value (low byte first).
+void storeWord(_DATA_& entry, unsigned fresh) {
+    entry.readValue[0] = static_cast<unsigned char>(fresh);
+    entry.readValue[1] = static_cast<unsigned char>(fresh >> 8);
+}
+
+// The words of a read reply from word i on, by their positions, until the
+// end or until a report changed the data area. Returns the word it stopped
+// at, count at the end; -1 when the driver was re-initialised.
+int walkWords(const unsigned char* field, const int* positions, int i, int count, const QString& keyName,
+              int keyIndex, uint32_t epoch) {
+    _DATA_* const area = driver.dataArea.data();
+    const uint64_t version = driver.dataAreaVersion;
+    for (; i < count; ++i) {
+        const int at = positions[i];  // read before the reports, which may forget the positions
+        _DATA_& entry = area[at];
+        const unsigned fresh = field[2 * i] << 8 | field[2 * i + 1];
+        const unsigned old = entry.readValue[0] | entry.readValue[1] << 8;
+        if (fresh == old) continue;
+        if ((entry.monitorBits | entry.bitWriteFlags) == 0) {
+            entry.writeValid = 0;
+            if (entry.monitorFlags & 1u) reportValueChange(entry.station, keyName, entry.address);
+        } else {
+            reportWordChange(entry, at, int(old), int(fresh), keyName, keyIndex);
+        }
+        if (driver.dataAreaVersion != version) {
+            // The reports moved the entries or forgot the positions: both are fetched again.
+            if (driver.initEpoch != epoch) return -1;
+            storeWord(driver.dataArea[at], fresh);
+            return i + 1;
+        }
+        storeWord(entry, fresh);
+    }
+    return count;
+}
+
+// The same for entries that follow one another from `first` on, as long as
+// they are plain words (no bit monitored, no bit write pending): the hot path
+// of the cyclic reads. Stops at the first other entry, for walkWords. Few
+// values live across the runtime's callback, so that they stay in registers.
+int walkPlainRun(const unsigned char* field, int first, int i, int count, const QString& keyName,
+                 uint32_t epoch) {
+    _DATA_* const area = driver.dataArea.data();
+    const uint64_t version = driver.dataAreaVersion;
+    _DATA_* entry = area + first + i;
+    const unsigned char* word = field + 2 * i;
+    const unsigned char* const end = field + 2 * count;
+    for (; word != end; word += 2, ++entry) {
+        const unsigned fresh = word[0] << 8 | word[1];
+        if (fresh == unsigned(entry->readValue[0] | entry->readValue[1] << 8)) continue;
+        if ((entry->monitorBits | entry->bitWriteFlags) != 0) break;
+        entry->writeValid = 0;
+        if (entry->monitorFlags & 1u) {
+            reportValueChange(entry->station, keyName, entry->address);
+            if (driver.dataAreaVersion != version) {
+                // The entries moved (or went away): this one is found again by its index.
+                if (driver.initEpoch != epoch) return -1;
+                const auto at =
+                    (reinterpret_cast<uintptr_t>(entry) - reinterpret_cast<uintptr_t>(area)) / sizeof(_DATA_);
+                storeWord(driver.dataArea[static_cast<int>(at)], fresh);
+                return static_cast<int>((word - field) / 2) + 1;
+            }
+        }
+        storeWord(*entry, fresh);
+    }
+    return static_cast<int>((word - field) / 2);
+}
+
 // The words of a read reply into the data area, each change reported as its
-// monitor flags ask: the hot path of the cyclic reads. The entries are
-// reached through one pointer, fetched again after a report that changed
-// the data area (the runtime may call back in and add entries, or
-// re-initialise the driver, which ends the parse). False when re-initialised.
+// monitor flags ask. The entries are reached through one pointer, fetched
+// again after a report that changed the data area (the runtime may call back
+// in and add entries, or re-initialise the driver, which ends the parse).
+// False when re-initialised.
 // Out of line: in its caller it would share registers with everything else.
 __attribute__((noinline)) bool storeWords(const unsigned char* field, const BlockUnits& units, int keyIndex,
                                           uint32_t epoch) {
     const QString& keyName = catalogueKeyName(keyIndex);
     const int count = units.size();
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < count;) {
         const int* positions = units.positions();
         if (!positions) {  // looked up one by one, which may add an entry
             const int at = units.at(i);
@@ -258,43 +326,17 @@ __attribute__((noinline)) bool storeWords(const unsigned char* field, const Bloc
                 reportWordChange(entry, at, old, fresh, keyName, keyIndex);
                 if (driver.initEpoch != epoch) return false;
             }
-            driver.dataArea[at].readValue[0] = field[2 * i + 1];
-            driver.dataArea[at].readValue[1] = field[2 * i];
+            storeWord(driver.dataArea[at], unsigned(fresh));
+            ++i;
             continue;
         }
-        // Few values live across the callback, so that they stay in registers.
-        _DATA_* const area = driver.dataArea.data();
-        const uint64_t version = driver.dataAreaVersion;
-        const int* position = positions + i;
-        const int* const end = positions + count;
-        // Consecutive entries are walked without their positions.
-        _DATA_* next = units.consecutive() ? area + *position : nullptr;
-        const unsigned char* word = field + 2 * i;
-        for (; position != end; ++position, word += 2) {
-            _DATA_& entry = next ? *next++ : area[*position];
-            const unsigned char high = word[0];
-            const unsigned char low = word[1];
-            if (entry.readValue[0] == low && entry.readValue[1] == high) continue;
-            const int at = *position;  // read before the reports, which may forget the positions
-            if ((entry.monitorBits | entry.bitWriteFlags) == 0) {  // the common case, in line
-                entry.writeValid = 0;
-                if (entry.monitorFlags & 1u) reportValueChange(entry.station, keyName, entry.address);
-            } else {
-                reportWordChange(entry, at, entry.readValue[0] | entry.readValue[1] << 8, high << 8 | low,
-                                 keyName, keyIndex);
-            }
-            if (driver.dataAreaVersion != version) {
-                // The reports moved the entries or forgot the positions: both are fetched again.
-                if (driver.initEpoch != epoch) return false;
-                _DATA_& moved = driver.dataArea[at];
-                moved.readValue[0] = low;
-                moved.readValue[1] = high;
-                break;
-            }
-            entry.readValue[0] = low;
-            entry.readValue[1] = high;
+        if (units.consecutive()) {
+            i = walkPlainRun(field, positions[0], i, count, keyName, epoch);
+            if (i < 0) return false;
+            if (i == count || units.positions() != positions) continue;
         }
-        i = static_cast<int>((word - field) / 2);
+        i = walkWords(field, positions, i, count, keyName, keyIndex, epoch);
+        if (i < 0) return false;
     }
     return true;
 }
