@@ -243,46 +243,17 @@ void storeWord(_DATA_& entry, unsigned fresh) {
     entry.readValue[1] = static_cast<unsigned char>(fresh >> 8);
 }
 
-// The words of a read reply from word i on, by their positions, until the
-// end or until a report changed the data area. Returns the word it stopped
-// at, count at the end; -1 when the driver was re-initialised.
-int walkWords(const unsigned char* field, const int* positions, int i, int count, const QString& keyName,
-              int keyIndex, uint32_t epoch) {
+// The words of a reply into entries that follow one another from `first`
+// on, as long as they are plain words (no bit monitored, no bit write
+// pending): the hot path of the cyclic reads. Returns the word it stopped at
+// (the first other entry, or the one after a report that changed the data
+// area), count at the end, -1 when the driver was re-initialised. Few values
+// live across the runtime's callback, so that they stay in registers.
+int walkPlainRun(const unsigned char* field, int first, int count, const QString& keyName, uint32_t epoch) {
     _DATA_* const area = driver.dataArea.data();
     const uint64_t version = driver.dataAreaVersion;
-    for (; i < count; ++i) {
-        const int at = positions[i];  // read before the reports, which may forget the positions
-        _DATA_& entry = area[at];
-        const unsigned fresh = field[2 * i] << 8 | field[2 * i + 1];
-        const unsigned old = entry.readValue[0] | entry.readValue[1] << 8;
-        if (fresh == old) continue;
-        if ((entry.monitorBits | entry.bitWriteFlags) == 0) {
-            entry.writeValid = 0;
-            if (entry.monitorFlags & 1u) reportValueChange(entry.station, keyName, entry.address);
-        } else {
-            reportWordChange(entry, at, int(old), int(fresh), keyName, keyIndex);
-        }
-        if (driver.dataAreaVersion != version) {
-            // The reports moved the entries or forgot the positions: both are fetched again.
-            if (driver.initEpoch != epoch) return -1;
-            storeWord(driver.dataArea[at], fresh);
-            return i + 1;
-        }
-        storeWord(entry, fresh);
-    }
-    return count;
-}
-
-// The same for entries that follow one another from `first` on, as long as
-// they are plain words (no bit monitored, no bit write pending): the hot path
-// of the cyclic reads. Stops at the first other entry, for walkWords. Few
-// values live across the runtime's callback, so that they stay in registers.
-int walkPlainRun(const unsigned char* field, int first, int i, int count, const QString& keyName,
-                 uint32_t epoch) {
-    _DATA_* const area = driver.dataArea.data();
-    const uint64_t version = driver.dataAreaVersion;
-    _DATA_* entry = area + first + i;
-    const unsigned char* word = field + 2 * i;
+    _DATA_* entry = area + first;
+    const unsigned char* word = field;
     const unsigned char* const end = field + 2 * count;
     for (; word != end; word += 2, ++entry) {
         const unsigned fresh = word[0] << 8 | word[1];
@@ -306,37 +277,30 @@ int walkPlainRun(const unsigned char* field, int first, int i, int count, const 
 }
 
 // The words of a read reply into the data area, each change reported as its
-// monitor flags ask. The entries are reached through one pointer, fetched
-// again after a report that changed the data area (the runtime may call back
-// in and add entries, or re-initialise the driver, which ends the parse).
-// False when re-initialised.
+// monitor flags ask: runs of plain consecutive entries by walkPlainRun, the
+// rest word by word, each position taken before the reports (a report may
+// register anew, which forgets the positions, or add entries, which moves
+// them). False when a report re-initialised the driver.
 // Out of line: in its caller it would share registers with everything else.
 __attribute__((noinline)) bool storeWords(const unsigned char* field, const BlockUnits& units, int keyIndex,
                                           uint32_t epoch) {
     const QString& keyName = catalogueKeyName(keyIndex);
     const int count = units.size();
-    for (int i = 0; i < count;) {
-        const int* positions = units.positions();
-        if (!positions) {  // looked up one by one, which may add an entry
-            const int at = units.at(i);
-            _DATA_& entry = driver.dataArea[at];
-            const int fresh = field[2 * i] << 8 | field[2 * i + 1];
-            const int old = entry.readValue[0] | entry.readValue[1] << 8;
-            if (fresh != old) {
-                reportWordChange(entry, at, old, fresh, keyName, keyIndex);
-                if (driver.initEpoch != epoch) return false;
-            }
-            storeWord(driver.dataArea[at], unsigned(fresh));
-            ++i;
-            continue;
-        }
-        if (units.consecutive()) {
-            i = walkPlainRun(field, positions[0], i, count, keyName, epoch);
-            if (i < 0) return false;
-            if (i == count || units.positions() != positions) continue;
-        }
-        i = walkWords(field, positions, i, count, keyName, keyIndex, epoch);
+    int i = 0;
+    const int* positions = units.positions();
+    if (positions && units.consecutive()) {
+        i = walkPlainRun(field, positions[0], count, keyName, epoch);
         if (i < 0) return false;
+    }
+    for (; i < count; ++i) {
+        const int at = units.at(i);  // looked up anew, which may add an entry, once the positions are gone
+        const unsigned fresh = field[2 * i] << 8 | field[2 * i + 1];
+        _DATA_& entry = driver.dataArea[at];
+        const unsigned old = entry.readValue[0] | entry.readValue[1] << 8;
+        if (fresh == old) continue;
+        reportWordChange(entry, at, int(old), int(fresh), keyName, keyIndex);
+        if (driver.initEpoch != epoch) return false;
+        storeWord(driver.dataArea[at], fresh);
     }
     return true;
 }
